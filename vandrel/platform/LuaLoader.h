@@ -1,0 +1,126 @@
+#pragma once
+// Lua::Loader: a cursor over nested Lua tables, used to read scheme files and to build
+// tables that Lua::Serializer writes back out as Lua source.
+//
+// Files read through the loader are data, not programs: they run in an environment that
+// holds nothing but `math`, binary chunks are refused, and a file that runs too long or
+// allocates too much is stopped. Every failure is a Lua::LoaderException whose message
+// names the place in the file, e.g. `simulation_scheme.blocks[3].__name failed to ...`.
+//
+// The cursor is a stack of tables: begin/create enter a table, endSubtable leaves it.
+// Getters and setters work on the table at the top. Integer keys are Lua's 1-based keys.
+// Keys written through the setters remember their order, so the serializer writes them
+// back in the order they were written.
+#include <string_view>
+
+#include "vandrel/platform/Exception.h"
+#include "vandrel/platform/Math.h"
+#include "vandrel/platform/String.h"
+
+struct lua_State;
+
+namespace Lua {
+
+class LoaderException : public Exception {
+public:
+    using Exception::Exception;
+};
+
+class Loader {
+public:
+    Loader();
+    ~Loader();
+    Loader(const Loader&) = delete;
+    Loader& operator=(const Loader&) = delete;
+
+    // Reads `fileName` in the data sandbox and enters its global table `globalName`.
+    // Records the file's directory (see getDirectory).
+    void load(const zo::string& fileName, const zo::string& globalName);
+    // The same for Lua source held in memory; `chunkName` stands for the file in messages.
+    void loadString(std::string_view source, const zo::string& chunkName,
+                    const zo::string& globalName);
+    // Starts a new, empty global table `name` and enters it (for writing).
+    void createGlobalTable(const zo::string& name);
+
+    // Directory of the loaded file, ending with a path separator ("./" for a bare file
+    // name), so that directory + file name is a path; empty when nothing was loaded.
+    const zo::string& getDirectory() const { return directory_; }
+    const zo::string& getFileName() const { return fileName_; }
+    const zo::string& getGlobalName() const { return globalName_; }
+
+    // Entering and leaving tables. begin* throw when the entry is missing or no table;
+    // tryBegin* return false instead (and stay where they were); create* make a new table
+    // (replacing any value under the key) and enter it.
+    void beginSubtable(std::string_view key);
+    void beginSubtable(int index);
+    bool tryBeginSubtable(std::string_view key);
+    bool tryBeginSubtable(int index);
+    void createSubtable(std::string_view key);
+    void createSubtable(int index);
+    void endSubtable();
+    // Number of tables entered below the global table (0 at the global table).
+    int depth() const;
+
+    // Array walk over the current table: after beginArray, each nextArray leaves the
+    // previous element and enters element 1, 2, ... (each must be a table); it returns
+    // false, back on the array itself, when the next index has no entry.
+    void beginArray();
+    bool nextArray();
+    // Index (1-based) of the element nextArray last entered, 0 before the first.
+    int arrayIndex() const;
+
+    bool hasEntry(std::string_view key) const;
+    bool hasEntry(int index) const;
+
+    // Typed getters: throw LoaderException "<path> failed to Lua::Loader::getX: <reason>"
+    // when the entry is missing or of another type. Integers must be whole numbers in range.
+    int getInt(std::string_view key) const;
+    int getInt(int index) const;
+    unsigned getUINT32(std::string_view key) const;
+    double getDouble(std::string_view key) const;
+    double getDouble(int index) const;
+    bool getBoolean(std::string_view key) const;
+    zo::string getString(std::string_view key) const;
+    // Soft getters: false (value untouched) when the entry is missing or ill-typed.
+    bool tryGetString(std::string_view key, zo::string* out) const;
+    bool tryGetVector(std::string_view key, Vec3d* out) const;  // { x, y, z }
+
+    void setInt(std::string_view key, int value);
+    void setInt(int index, int value);
+    void setUINT32(std::string_view key, unsigned value);
+    void setDouble(std::string_view key, double value);
+    void setDouble(int index, double value);
+    void setBoolean(std::string_view key, bool value);
+    void setString(std::string_view key, std::string_view value);
+    void setString(int index, std::string_view value);
+    void setVector(std::string_view key, const Vec3d& value);
+
+    // Full path of an entry of the current table, for messages:
+    // simulation_scheme.blocks[3].__name, or ...["odd key"] for keys that are not names.
+    zo::string formatPath_(std::string_view key) const;
+    zo::string formatPath_(int index) const;
+    zo::string formatPath(std::string_view key) const { return formatPath_(key); }
+    zo::string formatPath(int index) const { return formatPath_(index); }
+
+    // The Lua state that holds the tables (globals include the loaded/created table).
+    lua_State* getState() const { return L_; }
+
+private:
+    // One entered table: the key or index it was reached by (for paths) and the state
+    // of an array walk over it (-1: none; 0: begun; n: element n entered).
+    struct Frame {
+        zo::string key;
+        int index = 0;
+        int arrayIndex = -1;
+    };
+    lua_State* L_ = nullptr;
+    zo::string fileName_;
+    zo::string directory_;
+    zo::string globalName_;
+    zo::vector<Frame> frames_;
+
+    void reset_(const zo::string& globalName);
+    void runChunk_(std::string_view source, const zo::string& chunkName);
+};
+
+}  // namespace Lua

@@ -1,0 +1,15 @@
+#pragma once
+// Creation, library opening, protected calls and closing of Lua states. Lua is a C
+// library: a Lua error is a longjmp that skips C++ destructors, so vandrel calls into Lua
+// only through ZO_lua_pcall (or with calls that cannot raise), and unprotected errors end
+// the process with a message instead of unwinding through C++ frames.
+struct lua_State;
+
+// A new state with the panic handler installed; `name` appears in panic messages.
+lua_State* ZO_lua_open(const char* name);
+// Opens the standard libraries (for script blocks, which are programs).
+void ZO_lua_openlibs(lua_State* L);
+// lua_pcall with the same meaning; errors are left on the stack as the message.
+int ZO_lua_pcall(lua_State* L, int nargs, int nresults, int errfunc);
+// Closes a state; null is accepted.
+void ZO_lua_close(lua_State* L);
