@@ -1,0 +1,69 @@
+#pragma once
+// ODE solvers. A scheme holds one solver descriptor (its kind and parameters, saved with
+// the scheme); each simulation system with continuous blocks gets a solver made from it.
+// The continuous state is one contiguous run of doubles in the system's data area.
+#include <map>
+#include <memory>
+#include <utility>
+
+#include "vandrel/core/BlockParameter.h"
+#include "vandrel/platform/CoreMeta.h"
+#include "vandrel/platform/String.h"
+
+namespace Lua {
+class Loader;
+}
+class wSimulationSystem;
+class wOdeSolver;
+
+class wOdeSolverDescriptor {
+public:
+    virtual ~wOdeSolverDescriptor() = default;
+    // Writes each parameter as a plain value under its name in the loader's current table.
+    virtual void save(Lua::Loader* loader);
+    // Reads each parameter from the loader's current table (all are required).
+    virtual void load(Lua::Loader* loader);
+    virtual std::unique_ptr<wOdeSolverDescriptor> clone() const = 0;
+    virtual std::unique_ptr<wOdeSolver> createSolver(wSimulationSystem* system) const = 0;
+    virtual wParameterList getParametersList();
+    // The registered kind name, written as "__type".
+    virtual const zo::string& getTypeName() const = 0;
+};
+
+class wOdeSolver {
+public:
+    wOdeSolver(const wOdeSolverDescriptor* descriptor, wSimulationSystem* system)
+        : descriptor_(descriptor), system_(system) {}
+    virtual ~wOdeSolver() = default;
+    wOdeSolver(const wOdeSolver&) = delete;
+    wOdeSolver& operator=(const wOdeSolver&) = delete;
+
+    // Integrates the continuous state from scheme time T over the interval h (s), or over
+    // one step of the solver's own size when h is 0; returns the interval covered.
+    virtual double advance(double T, double h) = 0;
+
+protected:
+    const wOdeSolverDescriptor* descriptor_;  // not owned
+    wSimulationSystem* system_;               // not owned
+};
+
+class wOdeSolversFactory {
+public:
+    using Creator = CoreMeta::Functor<std::unique_ptr<wOdeSolverDescriptor>>;
+
+    static wOdeSolversFactory* instance();
+
+    // Throws "Duplicated ODE solver type: " + name (and adds nothing) for a known name.
+    void register_descriptor(const zo::string& name, const Creator& creator, const zo::string& description);
+    // A new descriptor of that kind; throws "Unknown ODE solver type: " + name.
+    std::unique_ptr<wOdeSolverDescriptor> generate(const zo::string& name) const;
+    // Reads a solver table (the loader is on it): "__type", then the kind's parameters.
+    std::unique_ptr<wOdeSolverDescriptor> load(Lua::Loader* loader) const;
+    // Writes "__type" and the parameters into the loader's current table.
+    static void save(Lua::Loader* loader, wOdeSolverDescriptor& descriptor);
+    zo::vector<std::pair<zo::string, zo::string>> getKeysDescriptions() const { return keysDescriptions_; }
+
+private:
+    std::map<zo::string, Creator, std::less<>> creators_;
+    zo::vector<std::pair<zo::string, zo::string>> keysDescriptions_;
+};

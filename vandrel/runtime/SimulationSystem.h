@@ -1,0 +1,108 @@
+#pragma once
+// A running instance of an analysed scheme: the data area holding every wire, one
+// runtime block per descriptor, dirty flags of the stateless blocks, the schedule of the
+// discrete blocks, and the ODE solver of the continuous ones.
+//
+// Sized and allocated once when built; simulate() allocates nothing. The host writes
+// scheme inputs, calls simulate(T) with non-decreasing T, reads outputs, and calls again
+// no later than T + the returned delay (-1.0: nothing pending until inputs change).
+#include <memory>
+#include <string_view>
+
+#include "vandrel/core/Ports.h"
+#include "vandrel/core/SimulationBlock.h"
+#include "vandrel/core/Wire.h"
+#include "vandrel/platform/String.h"
+#include "vandrel/runtime/OdeSolver.h"
+
+namespace Lua {
+class Loader;
+}
+class wSimulationSystemScheme;
+
+class wSimulationSystem {
+public:
+    // Builds the system. `data`: a data area of the scheme's memory size, obtained from
+    // allocateData (ownership passes to the system), or null for a new zeroed one. A
+    // nested system (subsystem block) passes its parent's area; a nested scheme has
+    // memory size 0 and so never frees it.
+    wSimulationSystem(const wSimulationSystemScheme* scheme, Lua::Loader* loader, unsigned char* data);
+    virtual ~wSimulationSystem();
+    wSimulationSystem(const wSimulationSystem&) = delete;
+    wSimulationSystem& operator=(const wSimulationSystem&) = delete;
+
+    // A zeroed data area of `size` bytes from the allocator that the system frees with.
+    static unsigned char* allocateData(int size);
+
+    // Advances to scheme time T; returns the delay until the next call is needed, or -1.0.
+    double simulate(double T);
+    // Empties the schedule, marks every stateless block dirty, zeroes continuous state,
+    // resets every discrete block and makes each due at time 0.
+    virtual void reset();
+
+    // The port that feeds the inside of the scheme from scheme input `name` / the port that
+    // a scheme output `name` is sent from. Unknown: throws "No input port in scheme: " +
+    // name (or "No output port in scheme: ") when mustExist, else null.
+    wInputPortBase* getInputPort(std::string_view name, bool mustExist = true);
+    wOutputPortBase* getOutputPort(std::string_view name, bool mustExist = true);
+
+    unsigned char* getDataPtr() const { return data_; }
+    // Byte offsets of scheme input / output wires in the data area; throw for unknown names.
+    int getInputWireOffset(std::string_view name) const;
+    int getOutputWireOffset(std::string_view name) const;
+    template <class T>
+    void setInput(std::string_view name, const T& v) { writeWire<T>(data_, getInputWireOffset(name), v); }
+    template <class T>
+    T getOutput(std::string_view name) const { return readWire<T>(data_, getOutputWireOffset(name)); }
+
+    // The continuous state: getDiffStateSize() doubles starting at getDiffState().
+    double* getDiffState();
+    int getDiffStateSize() const;
+    // Continuous right-hand side: every continuous block's derivatives into dy.
+    void calcDiffRhs(double t, double* dy);
+
+    // Time of the earliest scheduled discrete block (0.0 when none); setting it moves every
+    // scheduled block to t (ties then go by discrete index).
+    double getSchemeQueueTime() const;
+    void setSchemeQueueTime(double t);
+
+    // Discrete state blob: the concatenated state blobs of the discrete blocks. Size -1
+    // (and no blob) as soon as one discrete block has no saveable state.
+    int getSchemeStateDataSize() const;
+    bool getSchemeStateData(zo::vector<unsigned char>* out) const;
+    void setSchemeStateData(const zo::vector<unsigned char>* in);
+    // Kept for interface compatibility; does nothing.
+    void getInputData(zo::vector<unsigned char>* out) const;
+
+    const wSimulationSystemScheme* getScheme() const { return scheme_; }
+    int getBlockCount() const;
+    wSimulationBlock* getBlock(int index) const { return blocks_[static_cast<std::size_t>(index)].get(); }
+
+protected:
+    void init_(Lua::Loader* loader);
+    double advanceDifferential_(double T, double h);
+    void resetDiff_(const bool& value);
+    void setDirty_(const zo::vector<int>& list);
+    void updateDirty_(const zo::vector<int>& list, double t);
+    const wSimulationBlockDescriptor* schemeGetIOBlock() const;
+
+private:
+    struct QueueEntry {
+        int discreteIndex;  // discrete block index, in discrete order
+        double time;        // absolute scheme time (s) at which it is due
+    };
+    void queuePush_(QueueEntry e);
+    void queueSiftDown_(std::size_t i);
+    void queuePop_();
+
+    const wSimulationSystemScheme* scheme_;                 // not owned
+    unsigned char* data_ = nullptr;                         // data area, getMemorySize() bytes
+    zo::vector<std::unique_ptr<wSimulationBlock>> blocks_;  // by scheme block index
+    zo::vector<unsigned char> dirty_;                       // one flag per stateless block
+    std::unique_ptr<wOdeSolver> solver_;                    // null without continuous blocks
+    zo::vector<wInputPortBase*> inputPorts_;                // per scheme input port (not owned)
+    zo::vector<wOutputPortBase*> outputPorts_;              // per scheme output port (not owned)
+    zo::vector<std::unique_ptr<wProxyPortBase>> proxies_;   // fan-out nodes
+    wInputPortImpl<bool, wSimulationSystem> commandPort_;   // "reset_diff_state"
+    zo::vector<QueueEntry> queue_;                          // binary min-heap, capacity = discrete count
+};

@@ -1,0 +1,31 @@
+#pragma once
+// Explicit Euler: y += s * f(T, y) in steps s of at most H over the requested interval.
+#include <memory>
+
+#include "vandrel/runtime/OdeSolver.h"
+
+class wSolverExplEulerDescriptor : public wOdeSolverDescriptor {
+public:
+    static const zo::string& getTypeNameS();  // "wSolverExplEulerDescriptor"
+
+    std::unique_ptr<wOdeSolverDescriptor> clone() const override;
+    std::unique_ptr<wOdeSolver> createSolver(wSimulationSystem* system) const override;
+    wParameterList getParametersList() override;
+    const zo::string& getTypeName() const override { return getTypeNameS(); }
+
+    double getH() const { return H_.get(); }
+    void setH(double h) { H_.set(h); }
+
+private:
+    wBlockParameterProxy<double> H_{0.0};  // largest integration step (s)
+};
+
+class wSolverExplEuler : public wOdeSolver {
+public:
+    wSolverExplEuler(const wSolverExplEulerDescriptor* descriptor, wSimulationSystem* system);
+    // Throws wSimulationException when h > 0 and the step H is not positive (no progress).
+    double advance(double T, double h) override;
+
+private:
+    zo::vector<double> rhs_;  // derivatives, one per continuous state; sized once
+};
