@@ -3,6 +3,7 @@
 // data area, the description of one lead, and the per-type creators of port objects.
 #include <cstdint>
 #include <memory>
+#include <string_view>
 
 #include <boost/container/small_vector.hpp>
 
@@ -39,6 +40,21 @@ struct wLeadDescription {
 
 // A block's list of leads of one kind; sixteen fit without touching the heap.
 using wLeadList = boost::container::small_vector<wLeadDescription, 16, zo::allocator<wLeadDescription>>;
+
+namespace Lua {
+class Loader;
+}
+
+// Lead lists in files: an array of { name = "...", type = n } tables, n an eLeadType.
+// saveLeadList creates the array under `key` of the loader's current table.
+void saveLeadList(Lua::Loader& loader, std::string_view key, const wLeadList& leads);
+// Reads the array under `key` (it must exist) of the current table, in array order.
+// A missing name throws Lua::LoaderException "<path> failed to Lua::Loader::getString";
+// a type outside 0..6 throws wSimulationException "Invalid lead type (<name>): <value>".
+wLeadList loadLeadList(Lua::Loader& loader, std::string_view key);
+// One element of such an array: reads "name" and "type" of the loader's current table,
+// with the checks above (for readers that test each lead, e.g. for duplicates).
+wLeadDescription loadLeadDescription(Lua::Loader& loader);
 
 class wInputPortBase;
 class wOutputPortBase;
