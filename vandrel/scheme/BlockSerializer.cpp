@@ -1,0 +1,114 @@
+#include "vandrel/scheme/BlockSerializer.h"
+
+#include "vandrel/core/SimulationBlockDescriptor.h"
+#include "vandrel/platform/LuaLoader.h"
+#include "vandrel/runtime/SimulationException.h"
+#include "vandrel/scheme/BlockFactory.h"
+
+namespace {
+
+// A string entry of the block's table that must be there ("__type", "__name").
+zo::string readRequiredString(const Lua::Loader& loader, std::string_view key) {
+    zo::string value;
+    if (!loader.tryGetString(key, &value))
+        throw Lua::LoaderException(loader.formatPath(key) + " failed to Lua::Loader::getString");
+    return value;
+}
+
+}  // namespace
+
+const zo::string& wBlockSerializer::getDirectory() { return getLoader()->getDirectory(); }
+
+// ---- Editor: faithful reading and writing
+
+std::unique_ptr<wSimulationBlockDescriptor> wEditorBlockSerializer::createBlock() {
+    const zo::string type = readRequiredString(*loader_, "__type");
+    std::unique_ptr<wSimulationBlockDescriptor> descriptor = wSimulationBlockFactory::instance()->generate(type);
+    // A half-read descriptor goes with the unique_ptr if this throws.
+    descriptor->serialize(*this);
+    return descriptor;
+}
+
+void wEditorBlockSerializer::beginParameters() {
+    if (reading_) loader_->beginSubtable("__parameters");
+    else loader_->createSubtable("__parameters");
+}
+
+void wEditorBlockSerializer::serializeParameter(wBlockParameterContainer& p) {
+    wBlockParameterProxyBase* proxy = p.getProxy();
+    if (!proxy) return;
+    if (reading_) {
+        // No subtable: the parameter keeps its default and is undefined.
+        if (!loader_->tryBeginSubtable(p.getName())) {
+            proxy->setUndefined(true);
+            return;
+        }
+        proxy->setUndefined(!loader_->hasEntry("value"));
+        if (!proxy->isUndefined()) p.load(loader_, "value");
+        loader_->endSubtable();
+    } else {
+        // An undefined parameter is written as an empty subtable.
+        loader_->createSubtable(p.getName());
+        if (!proxy->isUndefined()) p.save(loader_, "value");
+        loader_->endSubtable();
+    }
+}
+
+void wEditorBlockSerializer::endParameters() { loader_->endSubtable(); }
+
+// ---- Runtime: reading for a simulation, with overrides
+
+std::unique_ptr<wSimulationBlockDescriptor> wRuntimeBlockSerializer::createBlock() {
+    const zo::string type = readRequiredString(*loader_, "__type");
+    std::unique_ptr<wSimulationBlockDescriptor> descriptor = wSimulationBlockFactory::instance()->generate(type);
+    const zo::string name = readRequiredString(*loader_, "__name");
+
+    // Overrides apply through the block's own table of the overrides, if it has one.
+    Lua::Loader* const saved = overrides_;
+    bool entered = false;
+    if (overrides_ && overrides_->hasEntry(name)) {
+        overrides_->beginSubtable(name);
+        entered = true;
+    } else {
+        overrides_ = nullptr;
+    }
+    // The overrides loader belongs to the host and may serve further loads: leave it
+    // where it was, whatever happens.
+    auto restore = [this, saved, entered] {
+        if (entered) overrides_->endSubtable();
+        overrides_ = saved;
+    };
+
+    blockName_ = name;
+    try {
+        descriptor->serialize(*this);
+    } catch (...) {
+        restore();
+        throw;
+    }
+    restore();
+    return descriptor;
+}
+
+void wRuntimeBlockSerializer::beginParameters() { loader_->beginSubtable("__parameters"); }
+
+void wRuntimeBlockSerializer::serializeParameter(wBlockParameterContainer& p) {
+    wBlockParameterProxyBase* proxy = p.getProxy();
+    if (!proxy) return;
+    const zo::string& name = p.getName();
+    if (proxy->isRequired()) loader_->beginSubtable(name);
+    else if (!loader_->tryBeginSubtable(name)) return;  // optional and absent: default stays
+
+    // The file's value wins; an override fills only a parameter left without a value.
+    if (loader_->hasEntry("value")) {
+        p.load(loader_, "value");
+    } else if (overrides_ && overrides_->hasEntry(name)) {
+        p.load(overrides_, name);
+    } else if (proxy->isRequired()) {
+        loader_->endSubtable();
+        throw wSimulationException("Parameter not defined: " + blockName_ + "." + name);
+    }
+    loader_->endSubtable();
+}
+
+void wRuntimeBlockSerializer::endParameters() { loader_->endSubtable(); }
