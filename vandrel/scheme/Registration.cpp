@@ -11,10 +11,10 @@
 // #include "vandrel/blocks/Aggregates.h"
 // #include "vandrel/blocks/Conversions.h"
 // #include "vandrel/blocks/VectorBlocks.h"
-// #include "vandrel/blocks/Integrator.h"
-// #include "vandrel/blocks/Timers.h"
-// #include "vandrel/blocks/Multiplexer.h"
-// #include "vandrel/blocks/Oscilloscope.h"
+#include "vandrel/blocks/Integrator.h"
+#include "vandrel/blocks/Timers.h"
+#include "vandrel/blocks/Multiplexer.h"
+#include "vandrel/blocks/Oscilloscope.h"
 
 namespace {
 
@@ -37,18 +37,18 @@ void registerBlockClasses(wSimulationBlockFactory& f) {
     // f.registerClass<wBlockAvgerageValDescriptor<Vec3d>>("AvgVal (vec)");
     // f.registerClass<wBlockAvgerageValDescriptor<int>>("AvgVal (int)");
     // f.registerClass<wBlockConstantsDescriptor>("Constants block");
-    // f.registerClass<wBlockDelayTriggerDescriptor>("Delay trigger");
-    // f.registerClass<wBlockDelayTriggerMultipleDescriptor>("Delay trigger multiple");
-    // f.registerClass<wBlockDelayTriggerWireDescriptor>("Delay trigger wire");
+    f.registerClass<wBlockDelayTriggerDescriptor>("Delay trigger");
+    f.registerClass<wBlockDelayTriggerMultipleDescriptor>("Delay trigger multiple");
+    f.registerClass<wBlockDelayTriggerWireDescriptor>("Delay trigger wire");
     // f.registerClass<wDoubleToVec3dDescriptor>("Double to Vector");
-    // f.registerClass<wBlockGo2doubleOntimerDescriptor>("IncTimer to Double");
+    f.registerClass<wBlockGo2doubleOntimerDescriptor>("IncTimer to Double");
     // f.registerClass<wBlockI2ODescriptor<bool, double>>("conv_b2d");
     // f.registerClass<wBlockI2ODescriptor<bool, int>>("conv_b2i");
     // f.registerClass<wBlockI2ODescriptor<double, bool>>("conv_d2b");
     // f.registerClass<wBlockI2ODescriptor<int, double>>("conv_i2d");
     // f.registerClass<wBlockI2ODescriptor<int, bool>>("conv_i2b");
-    // f.registerClass<wBlockIntegratorDescriptor<double>>("I (dbl)");
-    // f.registerClass<wBlockIntegratorDescriptor<Vec3d>>("I (vec)");
+    f.registerClass<wBlockIntegratorDescriptor<double>>("I (dbl)");
+    f.registerClass<wBlockIntegratorDescriptor<Vec3d>>("I (vec)");
     // (Lua script: "wBlockLuaDescriptor", comes with the script block)
     // f.registerClass<wBlockMaxValDescriptor<double>>("MaxVal (dbl)");
     // f.registerClass<wBlockMaxValDescriptor<Vec3d>>("MaxVal (vec)");
@@ -56,15 +56,15 @@ void registerBlockClasses(wSimulationBlockFactory& f) {
     // f.registerClass<wBlockMinValDescriptor<double>>("MinVal (dbl)");
     // f.registerClass<wBlockMinValDescriptor<Vec3d>>("MinVal (vec)");
     // f.registerClass<wBlockMinValDescriptor<int>>("MinVal (int)");
-    // f.registerClass<wBlockMultiplexDescriptor>("Multiplexor");
-    // f.registerClass<wBlockOscilloscopeDescriptor>("Oscilloscope");
-    // f.registerClass<wBlockRampDescriptor>("Ramp block");
+    f.registerClass<wBlockMultiplexDescriptor>("Multiplexor");
+    f.registerClass<wBlockOscilloscopeDescriptor>("Oscilloscope");
+    f.registerClass<wBlockRampDescriptor>("Ramp block");
     // f.registerClass<wRotatorBlockDescriptor>("Rotate Rot3d");
     // (Subsystem: "wBlockSubsystemDescriptor", comes with the subsystem block)
     // f.registerClass<wBlockSummatorDescriptor<double>>("Sum (dbl)");
     // f.registerClass<wBlockSummatorDescriptor<Vec3d>>("Sum (vec)");
     // f.registerClass<wBlockSummatorDescriptor<int>>("Sum (int)");
-    // f.registerClass<wBlockFlagOnSignalTimerDescriptor>("Flag cont. signal by timer");
+    f.registerClass<wBlockFlagOnSignalTimerDescriptor>("Flag cont. signal by timer");
     // f.registerClass<wVec3dToDoubleDescriptor>("Vector to double");
     // f.registerClass<wVec3dModDescriptor>("Vector modify");
     // f.registerClass<wBlockVectorPickerDescriptor>("Demux");
