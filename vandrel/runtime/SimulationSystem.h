@@ -95,6 +95,18 @@ private:
     void queueSiftDown_(std::size_t i);
     void queuePop_();
 
+    // Building: runtime blocks, then the port connections and the scheme's ports.
+    void createBlocks_(Lua::Loader* loader);
+    void buildPorts_();
+    // One more input port fed by scheme input port i (fan-out through a proxy).
+    void addInputConsumer_(std::size_t i, wInputPortBase* in);
+    // One more output port feeding scheme output port j (merged through a proxy).
+    void addOutputFeeder_(std::size_t j, wOutputPortBase* out);
+    // Destroys blocks, ports and solver, then frees the data area when it is ours.
+    void release_() noexcept;
+    // Throws when the same instant keeps being stepped (see simulate).
+    [[noreturn]] void throwStalled_(int discreteIndex, double t, double r) const;
+
     const wSimulationSystemScheme* scheme_;                 // not owned
     unsigned char* data_ = nullptr;                         // data area, getMemorySize() bytes
     zo::vector<std::unique_ptr<wSimulationBlock>> blocks_;  // by scheme block index
@@ -105,4 +117,13 @@ private:
     zo::vector<std::unique_ptr<wProxyPortBase>> proxies_;   // fan-out nodes
     wInputPortImpl<bool, wSimulationSystem> commandPort_;   // "reset_diff_state"
     zo::vector<QueueEntry> queue_;                          // binary min-heap, capacity = discrete count
+    bool ownsData_ = false;                                 // free data_ on destruction
+    // Typed views of blocks_ by kind, indexed by stateless / diff / discrete index.
+    zo::vector<wSimulationBlockStateless*> stateless_;
+    zo::vector<wSimulationBlockDiff*> diff_;
+    zo::vector<wSimulationBlockDisc*> discrete_;
+    // The fan-out proxy behind inputPorts_[i] / the merging proxy behind outputPorts_[j],
+    // or null while the port is a block's own (owned by proxies_).
+    zo::vector<wProxyPortBase*> inputFanOut_;
+    zo::vector<wProxyPortBase*> outputMerge_;
 };

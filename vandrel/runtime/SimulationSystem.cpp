@@ -1,0 +1,538 @@
+#include "vandrel/runtime/SimulationSystem.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <unordered_map>
+#include <utility>
+
+#include "vandrel/runtime/SimulationException.h"
+#include "vandrel/runtime/SimulationLogger.h"
+#include "vandrel/scheme/SimulationSystemScheme.h"
+
+namespace {
+
+// Events due up to this long after the requested time still run in that call (s).
+constexpr double kDueWindow = 1e-8;
+// Due times closer than this are one instant: ties go by discrete index (s).
+constexpr double kSameInstant = 1e-9;
+
+// A block's name for messages: its own name, or its type name when it has none.
+const zo::string& nameOf(const wSimulationBlockDescriptor* d) {
+    return d->getName().empty() ? d->getBlockTypeName() : d->getName();
+}
+
+[[noreturn]] void throwNoPort(const wSimulationBlockDescriptor* d, bool isInput, const zo::string& lead) {
+    throw wSimulationException("Block " + nameOf(d) + " has no " + (isInput ? "input" : "output") + " port " + lead);
+}
+
+// Shared stand-ins for scheme ports that nothing inside the scheme uses: one per lead type
+// and direction for the whole process, made on first need and never deleted.
+template <eLeadType T>
+wInputPortBase* placeholderInputOf() {
+    static wInputPortBase* const port = leadCreator(T).createInputPort().release();
+    return port;
+}
+template <eLeadType T>
+wOutputPortBase* placeholderOutputOf() {
+    // For an object pointer the creator throws: such a port cannot be made generically.
+    static wOutputPortBase* const port = leadCreator(T).createOutputPort().release();
+    return port;
+}
+
+wInputPortBase* placeholderInput(eLeadType t) {
+    switch (t) {
+    case LEAD_INT: return placeholderInputOf<LEAD_INT>();
+    case LEAD_BOOL: return placeholderInputOf<LEAD_BOOL>();
+    case LEAD_DOUBLE: return placeholderInputOf<LEAD_DOUBLE>();
+    case LEAD_VECTOR: return placeholderInputOf<LEAD_VECTOR>();
+    case LEAD_QUATERNION: return placeholderInputOf<LEAD_QUATERNION>();
+    case LEAD_OBJECT_PTR: return placeholderInputOf<LEAD_OBJECT_PTR>();
+    case LEAD_OBJECT_ID: return placeholderInputOf<LEAD_OBJECT_ID>();
+    }
+    std::abort();
+}
+
+wOutputPortBase* placeholderOutput(eLeadType t) {
+    switch (t) {
+    case LEAD_INT: return placeholderOutputOf<LEAD_INT>();
+    case LEAD_BOOL: return placeholderOutputOf<LEAD_BOOL>();
+    case LEAD_DOUBLE: return placeholderOutputOf<LEAD_DOUBLE>();
+    case LEAD_VECTOR: return placeholderOutputOf<LEAD_VECTOR>();
+    case LEAD_QUATERNION: return placeholderOutputOf<LEAD_QUATERNION>();
+    case LEAD_OBJECT_PTR: return placeholderOutputOf<LEAD_OBJECT_PTR>();
+    case LEAD_OBJECT_ID: return placeholderOutputOf<LEAD_OBJECT_ID>();
+    }
+    std::abort();
+}
+
+}  // namespace
+
+// ---- Construction and destruction
+
+unsigned char* wSimulationSystem::allocateData(int size) {
+    const std::size_t bytes = size > 0 ? static_cast<std::size_t>(size) : 1;
+    void* p = std::calloc(bytes, 1);
+    if (p == nullptr) throw std::bad_alloc();
+    return static_cast<unsigned char*>(p);
+}
+
+wSimulationSystem::wSimulationSystem(const wSimulationSystemScheme* scheme, Lua::Loader* loader, unsigned char* data)
+    : scheme_(scheme), commandPort_(this, &wSimulationSystem::resetDiff_) {
+    // A nested system works in its parent's area (memory size 0) and leaves it alone;
+    // any other area, the caller's included, is ours to free.
+    ownsData_ = data == nullptr || scheme_->getMemorySize() != 0;
+    data_ = data != nullptr ? data : allocateData(scheme_->getMemorySize());
+    try {
+        init_(loader);
+    } catch (...) {
+        // The destructor will not run for a half-built system.
+        release_();
+        throw;
+    }
+}
+
+wSimulationSystem::~wSimulationSystem() { release_(); }
+
+void wSimulationSystem::release_() noexcept {
+    // Blocks first: a subsystem's inner system still works in this data area.
+    solver_.reset();
+    blocks_.clear();
+    stateless_.clear();
+    diff_.clear();
+    discrete_.clear();
+    inputPorts_.clear();
+    outputPorts_.clear();
+    inputFanOut_.clear();
+    outputMerge_.clear();
+    proxies_.clear();
+    if (ownsData_) std::free(data_);
+    data_ = nullptr;
+    ownsData_ = false;
+}
+
+void wSimulationSystem::init_(Lua::Loader* loader) {
+    const wSimulationSystemScheme& s = *scheme_;
+    const int counted = s.getStatelessBlocksCount() + s.getDiffBlocksCount() + s.getDiscreteBlocksCount();
+    if (counted != s.getBlocksCount())
+        throw wSimulationException("Scheme is not analysed for running: " + std::to_string(s.getBlocksCount()) +
+                                   " blocks, " + std::to_string(counted) + " analysed");
+    // Every block except a subsystem (whose values live in its nested level) needs offsets.
+    for (const auto& d : s.getBlocks()) {
+        const bool hasWires = !d->getInputWires().empty() || !d->getOutputWires().empty();
+        if (hasWires && !d->hasWireOffsets() && !d->isOfType(BLOCK_SUBSYSTEM))
+            throw wSimulationException("Scheme is not laid out: block " + nameOf(d.get()) + " has no wire offsets");
+    }
+
+    createBlocks_(loader);
+    buildPorts_();
+
+    dirty_.assign(static_cast<std::size_t>(s.getStatelessBlocksCount()), 1);
+    queue_.reserve(static_cast<std::size_t>(s.getDiscreteBlocksCount()));
+    reset();
+
+    if (s.getDiffBlocksCount() > 0) {
+        const wOdeSolverDescriptor* sd = s.getOdeSolverDescriptor();
+        if (sd == nullptr) throw wSimulationException("Scheme with continuous blocks has no ODE solver");
+        solver_ = sd->createSolver(this);
+    }
+}
+
+void wSimulationSystem::createBlocks_(Lua::Loader* loader) {
+    const wSimulationSystemScheme& s = *scheme_;
+    const int n = s.getBlocksCount();
+    const int firstDiff = s.getFirstDiffIndex();
+    const int firstDiscrete = s.getFirstDiscreteIndex();
+    blocks_.reserve(static_cast<std::size_t>(n));
+    stateless_.reserve(static_cast<std::size_t>(s.getStatelessBlocksCount()));
+    diff_.reserve(static_cast<std::size_t>(s.getDiffBlocksCount()));
+    discrete_.reserve(static_cast<std::size_t>(s.getDiscreteBlocksCount()));
+
+    for (int i = 0; i < n; ++i) {
+        const wSimulationBlockDescriptor* d = s.getBlocks()[static_cast<std::size_t>(i)].get();
+        const char* kind = i < firstDiff ? "stateless" : (i < firstDiscrete ? "continuous" : "discrete");
+        auto wrongKind = [&] {
+            return wSimulationException("Block " + nameOf(d) + " cannot run as a " + kind + " block");
+        };
+        if (i < firstDiff) {
+            const auto* sd = dynamic_cast<const wSimulationBlockStatelessDescriptor*>(d);
+            if (sd == nullptr) throw wrongKind();
+            std::unique_ptr<wSimulationBlockStateless> b = sd->create(loader);
+            if (!b) throw wrongKind();
+            stateless_.push_back(b.get());
+            blocks_.push_back(std::move(b));
+        } else if (i < firstDiscrete) {
+            const auto* dd = dynamic_cast<const wSimulationBlockDiffDescriptor*>(d);
+            if (dd == nullptr) throw wrongKind();
+            std::unique_ptr<wSimulationBlockDiff> b = dd->create(loader);
+            if (!b) throw wrongKind();
+            diff_.push_back(b.get());
+            blocks_.push_back(std::move(b));
+        } else {
+            const auto* qd = dynamic_cast<const wSimulationBlockDiscDescriptor*>(d);
+            if (qd == nullptr) throw wrongKind();
+            std::unique_ptr<wSimulationBlockDisc> b = qd->create(loader, this);
+            if (!b) throw wrongKind();
+            wSimulationBlockDisc* raw = b.get();
+            discrete_.push_back(raw);
+            blocks_.push_back(std::move(b));
+            raw->registerStateData();
+        }
+    }
+}
+
+void wSimulationSystem::buildPorts_() {
+    const wSimulationSystemScheme& s = *scheme_;
+    const auto& io = s.getIOBlock();
+    const auto& special = s.getSpecialCmdsBlock();
+    const wLeadList& schemeIns = io.getOutputPorts();   // values enter the scheme here
+    const wLeadList& schemeOuts = io.getInputPorts();   // and leave it here
+    inputPorts_.assign(schemeIns.size(), nullptr);
+    inputFanOut_.assign(schemeIns.size(), nullptr);
+    outputPorts_.assign(schemeOuts.size(), nullptr);
+    outputMerge_.assign(schemeOuts.size(), nullptr);
+
+    std::unordered_map<const wSimulationBlockDescriptor*, std::size_t> indexOf;
+    for (std::size_t i = 0; i < s.getBlocks().size(); ++i) indexOf.emplace(s.getBlocks()[i].get(), i);
+    auto runtimeBlock = [&](const wSimulationBlockDescriptor* d) {
+        auto it = indexOf.find(d);
+        if (it == indexOf.end()) throw wSimulationException("Port connection refers to a block that is not in the scheme");
+        return blocks_[it->second].get();
+    };
+
+    for (const wSimulationSystemScheme::Connection& c : s.getConnections()) {
+        if (!c.isPort) continue;
+
+        // The receiving end: a block's input port, the command port, or a scheme output.
+        wInputPortBase* in = nullptr;
+        int schemeOut = -1;
+        if (c.to == &io) {
+            schemeOut = io.getLeadIndex(true, true, c.toLead, true);
+        } else if (c.to == &special) {
+            special.getLeadIndex(true, true, c.toLead, true);
+            in = &commandPort_;
+        } else {
+            in = runtimeBlock(c.to)->getInputPort(c.toLead);
+            if (in == nullptr) throwNoPort(c.to, true, c.toLead);
+        }
+
+        if (c.from == &io) {
+            const int schemeIn = io.getLeadIndex(false, true, c.fromLead, true);
+            if (schemeOut < 0) {
+                addInputConsumer_(static_cast<std::size_t>(schemeIn), in);
+                continue;
+            }
+            // Scheme input straight to scheme output: a proxy of the lead's type bridges them.
+            const eLeadType type = schemeIns[static_cast<std::size_t>(schemeIn)].type;
+            if (type != schemeOuts[static_cast<std::size_t>(schemeOut)].type)
+                throw wSimulationException("Attempt to connect ports of different types");
+            // An object pointer cannot leave the scheme through a generic port: this throws.
+            if (type == LEAD_OBJECT_PTR) (void)leadCreator(type).createOutputPort();
+            proxies_.push_back(leadCreator(type).createInputPort()->createProxyPort());
+            wProxyPortBase* bridge = proxies_.back().get();
+            addInputConsumer_(static_cast<std::size_t>(schemeIn), bridge->getInputPort());
+            addOutputFeeder_(static_cast<std::size_t>(schemeOut), bridge->getOutputPort());
+            continue;
+        }
+
+        if (c.from == &special) special.getLeadIndex(false, true, c.fromLead, true);  // has no outputs: throws
+        wOutputPortBase* out = runtimeBlock(c.from)->getOutputPort(c.fromLead);
+        if (out == nullptr) throwNoPort(c.from, false, c.fromLead);
+        if (schemeOut >= 0) addOutputFeeder_(static_cast<std::size_t>(schemeOut), out);
+        else out->connect(in);
+    }
+
+    // Scheme ports that nothing inside uses get the shared stand-ins.
+    for (std::size_t i = 0; i < inputPorts_.size(); ++i)
+        if (inputPorts_[i] == nullptr) inputPorts_[i] = placeholderInput(schemeIns[i].type);
+    for (std::size_t j = 0; j < outputPorts_.size(); ++j)
+        if (outputPorts_[j] == nullptr) outputPorts_[j] = placeholderOutput(schemeOuts[j].type);
+}
+
+void wSimulationSystem::addInputConsumer_(std::size_t i, wInputPortBase* in) {
+    const wLeadDescription& lead = scheme_->getIOBlock().getOutputPorts()[i];
+    if (in->getType() != lead.type) throw wSimulationException("Attempt to connect ports of different types");
+    wInputPortBase*& entry = inputPorts_[i];
+    if (entry == nullptr) {
+        entry = in;
+        return;
+    }
+    if (inputFanOut_[i] == nullptr) {
+        // Second consumer: a proxy takes the entry's place and feeds the first one.
+        std::unique_ptr<wProxyPortBase> x = entry->createProxyPort();
+        if (!x) throw wSimulationException("Scheme input port " + lead.name + " cannot feed more than one port");
+        wProxyPortBase* proxy = x.get();
+        proxies_.push_back(std::move(x));
+        proxy->getOutputPort()->connect(entry);
+        entry = proxy->getInputPort();
+        inputFanOut_[i] = proxy;
+    }
+    inputFanOut_[i]->getOutputPort()->connect(in);
+}
+
+void wSimulationSystem::addOutputFeeder_(std::size_t j, wOutputPortBase* out) {
+    const wLeadDescription& lead = scheme_->getIOBlock().getInputPorts()[j];
+    if (out->getType() != lead.type) throw wSimulationException("Attempt to connect ports of different types");
+    wOutputPortBase*& entry = outputPorts_[j];
+    if (entry == nullptr) {
+        entry = out;
+        return;
+    }
+    if (outputMerge_[j] == nullptr) {
+        // Second source: both send into a proxy whose output becomes the scheme's port.
+        std::unique_ptr<wProxyPortBase> z = entry->createProxyPort();
+        if (!z) throw wSimulationException("Scheme output port " + lead.name + " cannot take more than one source");
+        wProxyPortBase* proxy = z.get();
+        proxies_.push_back(std::move(z));
+        entry->connect(proxy->getInputPort());
+        entry = proxy->getOutputPort();
+        outputMerge_[j] = proxy;
+    }
+    out->connect(outputMerge_[j]->getInputPort());
+}
+
+// ---- Ports and wires by name
+
+wInputPortBase* wSimulationSystem::getInputPort(std::string_view name, bool mustExist) {
+    const int i = scheme_->getIOBlock().getLeadIndex(false, true, name, false);
+    if (i < 0) {
+        if (mustExist) throw wSimulationException("No input port in scheme: " + zo::string(name));
+        return nullptr;
+    }
+    return inputPorts_[static_cast<std::size_t>(i)];
+}
+
+wOutputPortBase* wSimulationSystem::getOutputPort(std::string_view name, bool mustExist) {
+    const int j = scheme_->getIOBlock().getLeadIndex(true, true, name, false);
+    if (j < 0) {
+        if (mustExist) throw wSimulationException("No output port in scheme: " + zo::string(name));
+        return nullptr;
+    }
+    return outputPorts_[static_cast<std::size_t>(j)];
+}
+
+int wSimulationSystem::getInputWireOffset(std::string_view name) const {
+    const auto& io = scheme_->getIOBlock();
+    const int i = io.getLeadIndex(false, false, name, false);
+    if (i < 0) throw wSimulationException("No input wire in scheme: " + zo::string(name));
+    // Only a top-level layout places the scheme's own wires.
+    if (scheme_->getMemorySize() == 0) throw wSimulationException("Scheme is not laid out: input wire " + zo::string(name));
+    return io.getOutputWireOffset(i);
+}
+
+int wSimulationSystem::getOutputWireOffset(std::string_view name) const {
+    const auto& io = scheme_->getIOBlock();
+    const int j = io.getLeadIndex(true, false, name, false);
+    if (j < 0) throw wSimulationException("No output wire in scheme: " + zo::string(name));
+    if (scheme_->getMemorySize() == 0) throw wSimulationException("Scheme is not laid out: output wire " + zo::string(name));
+    return io.getInputWireOffset(j);
+}
+
+int wSimulationSystem::getBlockCount() const { return static_cast<int>(blocks_.size()); }
+
+const wSimulationBlockDescriptor* wSimulationSystem::schemeGetIOBlock() const { return &scheme_->getIOBlock(); }
+
+// ---- Schedule: a binary min-heap over queue_, earliest due first, ties by index
+
+namespace {
+bool before(int ia, double ta, int ib, double tb) {
+    if (std::fabs(ta - tb) > kSameInstant) return ta < tb;
+    return ia < ib;
+}
+}  // namespace
+
+void wSimulationSystem::queuePush_(QueueEntry e) {
+    queue_.push_back(e);
+    std::size_t i = queue_.size() - 1;
+    while (i > 0) {
+        const std::size_t parent = (i - 1) / 2;
+        if (!before(queue_[i].discreteIndex, queue_[i].time, queue_[parent].discreteIndex, queue_[parent].time)) break;
+        std::swap(queue_[i], queue_[parent]);
+        i = parent;
+    }
+}
+
+void wSimulationSystem::queueSiftDown_(std::size_t i) {
+    const std::size_t n = queue_.size();
+    for (;;) {
+        const std::size_t l = 2 * i + 1;
+        const std::size_t r = l + 1;
+        std::size_t best = i;
+        if (l < n && before(queue_[l].discreteIndex, queue_[l].time, queue_[best].discreteIndex, queue_[best].time))
+            best = l;
+        if (r < n && before(queue_[r].discreteIndex, queue_[r].time, queue_[best].discreteIndex, queue_[best].time))
+            best = r;
+        if (best == i) return;
+        std::swap(queue_[i], queue_[best]);
+        i = best;
+    }
+}
+
+void wSimulationSystem::queuePop_() {
+    std::swap(queue_.front(), queue_.back());
+    queue_.pop_back();
+    if (!queue_.empty()) queueSiftDown_(0);
+}
+
+double wSimulationSystem::getSchemeQueueTime() const { return queue_.empty() ? 0.0 : queue_.front().time; }
+
+void wSimulationSystem::setSchemeQueueTime(double t) {
+    // All equal now: the order by index that the heap already has stays valid.
+    for (QueueEntry& e : queue_) e.time = t;
+}
+
+// ---- Running
+
+void wSimulationSystem::reset() {
+    queue_.clear();
+    std::fill(dirty_.begin(), dirty_.end(), static_cast<unsigned char>(1));
+    if (scheme_->getDiffMemorySize() > 0)
+        std::memset(data_ + scheme_->getDiffMemoryOffset(), 0, static_cast<std::size_t>(scheme_->getDiffMemorySize()));
+    for (std::size_t i = 0; i < discrete_.size(); ++i) {
+        discrete_[i]->reset();
+        queuePush_({static_cast<int>(i), 0.0});
+    }
+}
+
+double wSimulationSystem::simulate(double T) {
+    auto& log = wSimulationLogger::instance();
+    if (log.enabled(3)) log << wSimulationLogger::Indenter() << "simulate (" << T << ")" << std::endl;
+
+    const wSimulationSystemScheme& s = *scheme_;
+    setDirty_(s.getStatelessBlocksOnSchemeInput());
+
+    // Discrete events due by T (and up to kDueWindow after it), earliest first. A block
+    // that keeps rescheduling itself without moving time forward would loop here for
+    // ever: count the events since time last advanced and give up past a generous limit.
+    const int stallLimit = 1000 + 100 * static_cast<int>(discrete_.size());
+    double frontier = -std::numeric_limits<double>::infinity();
+    int stalled = 0;
+    while (!queue_.empty() && queue_.front().time < T + kDueWindow) {
+        const int d = queue_.front().discreteIndex;
+        const double t = queue_.front().time;
+        updateDirty_(s.getStatelessBlocksOnInput(d), t);
+        const double r = discrete_[static_cast<std::size_t>(d)]->step(t);
+        setDirty_(s.getStatelessBlocksOnOutput(d));
+        if (std::isnan(r)) throwStalled_(d, t, r);
+        if (r == -1.0) {
+            queuePop_();
+        } else {
+            queue_.front().time = t + r;
+            queueSiftDown_(0);
+        }
+        if (t > frontier + kSameInstant) {
+            frontier = t;
+            stalled = 0;
+        } else if (++stalled > stallLimit) {
+            throwStalled_(d, t, r);
+        }
+    }
+
+    // Nothing scheduled and nothing continuous: no call is needed until inputs change.
+    const bool idle = queue_.empty() && !solver_;
+    double N = queue_.empty() ? T : queue_.front().time;
+    if (solver_) {
+        if (queue_.empty()) N = advanceDifferential_(T, 0.0) + T;
+        else advanceDifferential_(T, N - T);
+    }
+    updateDirty_(s.getStatelessBlocksOnSchemeOutput(), N);
+
+    if (log.enabled(3)) log << wSimulationLogger::Indenter() << "done simulate (" << T << ")" << std::endl;
+    return idle ? -1.0 : N - T;
+}
+
+void wSimulationSystem::throwStalled_(int discreteIndex, double t, double r) const {
+    const wSimulationBlockDescriptor* d = discrete_[static_cast<std::size_t>(discreteIndex)]->getDescriptor();
+    if (std::isnan(r))
+        throw wSimulationException("Discrete block " + nameOf(d) + " returned an invalid delay (" + doubleToString(r) +
+                                   ") at t = " + doubleToString(t));
+    throw wSimulationException("Discrete block " + nameOf(d) + " keeps scheduling itself at t = " + doubleToString(t) +
+                               " without advancing (returned delay " + doubleToString(r) + ")");
+}
+
+double wSimulationSystem::advanceDifferential_(double T, double h) {
+    const wSimulationSystemScheme& s = *scheme_;
+    updateDirty_(s.getStatelessBlocksOnDiffInput(), T);
+    const double r = solver_->advance(T, h);
+    setDirty_(s.getStatelessBlocksInDiff());
+    return r;
+}
+
+void wSimulationSystem::setDirty_(const zo::vector<int>& list) {
+    for (int i : list) dirty_[static_cast<std::size_t>(i)] = 1;
+}
+
+void wSimulationSystem::updateDirty_(const zo::vector<int>& list, double t) {
+    for (int i : list) {
+        const auto k = static_cast<std::size_t>(i);
+        if (dirty_[k] == 0) continue;
+        stateless_[k]->update(t, data_);
+        dirty_[k] = 0;
+    }
+}
+
+// ---- Continuous part
+
+double* wSimulationSystem::getDiffState() {
+    // The run starts at a multiple of 8 in an area from calloc, so doubles are aligned.
+    return static_cast<double*>(static_cast<void*>(data_ + scheme_->getDiffMemoryOffset()));
+}
+
+int wSimulationSystem::getDiffStateSize() const { return scheme_->getDiffMemorySize() / 8; }
+
+void wSimulationSystem::calcDiffRhs(double t, double* dy) {
+    for (int i : scheme_->getStatelessBlocksInDiff()) stateless_[static_cast<std::size_t>(i)]->update(t, data_);
+    // Blocks address derivatives by their state's offset in the data area: shift dy back
+    // so that the start of the continuous run lines up with dy[0].
+    unsigned char* base = static_cast<unsigned char*>(static_cast<void*>(dy)) - scheme_->getDiffMemoryOffset();
+    for (wSimulationBlockDiff* b : diff_) b->calculate_dy(t, data_, base);
+}
+
+void wSimulationSystem::resetDiff_(const bool& /*any value resets*/) {
+    for (wSimulationBlockDiff* b : diff_) b->resetState(data_);
+}
+
+// ---- State blobs
+
+int wSimulationSystem::getSchemeStateDataSize() const {
+    int total = 0;
+    for (const wSimulationBlockDisc* b : discrete_) {
+        const int n = b->getBlockStateDataSize();
+        if (n == -1) return -1;
+        total += n;
+    }
+    return total;
+}
+
+bool wSimulationSystem::getSchemeStateData(zo::vector<unsigned char>* out) const {
+    const int size = getSchemeStateDataSize();
+    if (size == -1) return false;
+    out->resize(static_cast<std::size_t>(size));
+    std::size_t pos = 0;
+    for (const wSimulationBlockDisc* b : discrete_) {
+        const int n = b->getBlockStateDataSize();
+        if (n <= 0) continue;
+        b->getBlockStateData(out->data() + pos);
+        pos += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+void wSimulationSystem::setSchemeStateData(const zo::vector<unsigned char>* in) {
+    if (getSchemeStateDataSize() == -1) return;
+    std::size_t pos = 0;
+    for (wSimulationBlockDisc* b : discrete_) {
+        if (!b->blockHasStateData()) continue;
+        pos += static_cast<std::size_t>(b->setBlockStateDataByPtr(in->data() + pos));
+    }
+}
+
+void wSimulationSystem::getInputData(zo::vector<unsigned char>* out) const {
+    // Kept for hosts that call it; it takes the scheme's input port list and ignores it.
+    const wLeadList leads = scheme_->getIOLeads(true, true);
+    (void)leads;
+    (void)out;
+}
