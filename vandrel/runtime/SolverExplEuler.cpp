@@ -1,0 +1,66 @@
+#include "vandrel/runtime/SolverExplEuler.h"
+
+#include <algorithm>
+
+#include "vandrel/runtime/SimulationException.h"
+#include "vandrel/runtime/SimulationSystem.h"
+
+// ---- Descriptor
+
+const zo::string& wSolverExplEulerDescriptor::getTypeNameS() {
+    static const zo::string name = "wSolverExplEulerDescriptor";
+    return name;
+}
+
+std::unique_ptr<wOdeSolverDescriptor> wSolverExplEulerDescriptor::clone() const {
+    return std::make_unique<wSolverExplEulerDescriptor>(*this);
+}
+
+std::unique_ptr<wOdeSolver> wSolverExplEulerDescriptor::createSolver(wSimulationSystem* system) const {
+    return std::make_unique<wSolverExplEuler>(this, system);
+}
+
+wParameterList wSolverExplEulerDescriptor::getParametersList() {
+    wParameterList list = wOdeSolverDescriptor::getParametersList();
+    list.push_back(parameterRef("H", H_));
+    return list;
+}
+
+// ---- Solver
+
+wSolverExplEuler::wSolverExplEuler(const wSolverExplEulerDescriptor* descriptor, wSimulationSystem* system)
+    : wOdeSolver(descriptor, system), rhs_(static_cast<std::size_t>(std::max(0, system->getDiffStateSize())), 0.0) {}
+
+double wSolverExplEuler::advance(double T, double h) {
+    const double H = static_cast<const wSolverExplEulerDescriptor*>(descriptor_)->getH();
+    // h = 0 asks for one step of the solver's own size.
+    const double L = h == 0.0 ? H : h;
+    if (!(L > 0)) return L;
+    if (!(H > 0))
+        throw wSimulationException("Explicit Euler step H must be positive to integrate over h = " + doubleToString(L) +
+                                   " (H = " + doubleToString(H) + ")");
+
+    // A step far below the resolution of the interval would never use it up.
+    if (L > H && L - H == L)
+        throw wSimulationException("Explicit Euler step H = " + doubleToString(H) +
+                                   " is too small to integrate over h = " + doubleToString(L));
+
+    const std::size_t n = rhs_.size();
+    double* rhs = rhs_.data();
+    double remaining = L;
+    while (remaining > 0) {
+        double s;
+        if (remaining <= H) {
+            s = remaining;
+            remaining = 0;
+        } else {
+            s = H;
+            remaining -= H;
+        }
+        // Derivatives at the call's start time T for every step, by design.
+        system_->calcDiffRhs(T, rhs);
+        double* y = system_->getDiffState();
+        for (std::size_t i = 0; i < n; ++i) y[i] += s * rhs[i];
+    }
+    return L;
+}
