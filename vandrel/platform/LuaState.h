@@ -3,9 +3,12 @@
 // library: a Lua error is a longjmp that skips C++ destructors, so vandrel calls into Lua
 // only through ZO_lua_pcall (or with calls that cannot raise), and unprotected errors end
 // the process with a message instead of unwinding through C++ frames.
+#include <cstddef>
+
 struct lua_State;
 
-// A new state with the panic handler installed; `name` appears in panic messages.
+// A new state with the panic handler installed and memory accounting (no limit);
+// `name` appears in panic messages. Close it with ZO_lua_close, never lua_close.
 lua_State* ZO_lua_open(const char* name);
 // Opens the standard libraries (for script blocks, which are programs).
 void ZO_lua_openlibs(lua_State* L);
@@ -13,3 +16,10 @@ void ZO_lua_openlibs(lua_State* L);
 int ZO_lua_pcall(lua_State* L, int nargs, int nresults, int errfunc);
 // Closes a state; null is accepted.
 void ZO_lua_close(lua_State* L);
+
+// Memory accounting of a state made by ZO_lua_open. An allocation that would take the
+// state's memory above the limit fails, which Lua reports as a memory error (LUA_ERRMEM)
+// to the innermost protected call. Returns the previous limit (bytes; SIZE_MAX: none).
+std::size_t ZO_lua_setmemorylimit(lua_State* L, std::size_t bytes);
+// Bytes currently held by the state.
+std::size_t ZO_lua_memoryused(lua_State* L);
