@@ -107,11 +107,20 @@ public:
 
 private:
     // One entered table: the key or index it was reached by (for paths) and the state
-    // of an array walk over it (-1: none; 0: begun; n: element n entered).
+    // of an array walk over it (-1: none; 0: begun; n: element n entered). The tables
+    // themselves sit on the Lua stack, frame i at stack index i + 1.
     struct Frame {
         zo::string key;
         int index = 0;
         int arrayIndex = -1;
+        bool byIndex = false;       // reached by `index` rather than by `key`
+        bool arrayElement = false;  // entered by nextArray
+    };
+    // A key of the current table: a string or a Lua integer key.
+    struct Key {
+        std::string_view name;
+        int index = 0;
+        bool byIndex = false;
     };
     lua_State* L_ = nullptr;
     zo::string fileName_;
@@ -121,6 +130,22 @@ private:
 
     void reset_(const zo::string& globalName);
     void runChunk_(std::string_view source, const zo::string& chunkName);
+
+    static Key key_(std::string_view name) { return Key{name, 0, false}; }
+    static Key key_(int index) { return Key{{}, index, true}; }
+    void requireTable_(const Key& key, const char* operation) const;
+    [[noreturn]] void fail_(const Key& key, const char* operation, std::string_view reason) const;
+    zo::string path_(const Key* key) const;
+    void pushKey_(const Key& key) const;
+    void pushEntry_(const Key& key) const;
+    void pushFrame_(const Key& key, bool arrayElement);
+    void enter_(const Key& key, const char* operation);
+    bool tryEnter_(const Key& key);
+    void create_(const Key& key);
+    void store_(const Key& key, int table);
+    double getWhole_(const Key& key, const char* operation, double low, double high) const;
+    double getDouble_(const Key& key) const;
+    bool hasEntry_(const Key& key) const;
 };
 
 }  // namespace Lua
