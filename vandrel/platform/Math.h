@@ -101,26 +101,38 @@ struct Rotation3 {
     }
     void setYawPitchRoll(const Vector<3, T>& ypr) { setYawPitchRoll(ypr.x, ypr.y, ypr.z); }
 
-    // (yaw, pitch, roll) of a unit quaternion; at pitch = +-pi/2 the roll is reported as 0.
+    // (yaw, pitch, roll) of a unit quaternion, yaw and roll in (-pi, pi], pitch in
+    // [-pi/2, pi/2]; at pitch = +-pi/2 the roll is reported as 0.
+    //
+    // With c, s the cosine and sine of half the pitch, (w + y, z - x) is (c + s) times the
+    // unit vector at half of yaw - roll, and (w - y, z + x) is (c - s) times the one at half
+    // of yaw + roll. Both lengths are accurate at every pitch, so the angles stay accurate
+    // right up to gimbal lock, where only one of the two combinations is defined.
     Vector<3, T> getYawPitchRoll() const {
-        T sinp = 2 * (w * y - z * x);
-        if (sinp > 1) sinp = 1;
-        if (sinp < -1) sinp = -1;
-        const T pitch = std::asin(sinp);
-        if (std::abs(sinp) >= T(1) - T(1e-12)) {
-            // Gimbal lock: only yaw - roll (or yaw + roll) is defined; put it all in yaw.
-            const T yaw = std::atan2(2 * (w * z - x * y), 1 - 2 * (x * x + z * z));
-            return {yaw, pitch, T(0)};
-        }
-        const T yaw = std::atan2(2 * (w * z + x * y), 1 - 2 * (y * y + z * z));
-        const T roll = std::atan2(2 * (w * x + y * z), 1 - 2 * (x * x + y * y));
-        return {yaw, pitch, roll};
+        const T plus = std::hypot(z - x, w + y);   // c + s
+        const T minus = std::hypot(z + x, w - y);  // c - s
+        const T pitch = 2 * std::atan2(plus - minus, plus + minus);
+        const T difference = 2 * std::atan2(z - x, w + y);  // yaw - roll
+        const T sum = 2 * std::atan2(z + x, w - y);         // yaw + roll
+        const T lock = T(1e-14) * (plus + minus);
+        if (minus <= lock) return {wrapAngle(difference), pitch, T(0)};  // pitch = +pi/2
+        if (plus <= lock) return {wrapAngle(sum), pitch, T(0)};          // pitch = -pi/2
+        return {wrapAngle((sum + difference) / 2), pitch, wrapAngle((sum - difference) / 2)};
     }
 
     // Euler angles (about X, then Y, then Z) in rotation order 0, the only order defined.
     void setEulerAngles(int order, const Vector<3, T>& angles) {
         (void)order;
         setYawPitchRoll(angles.z, angles.y, angles.x);
+    }
+
+private:
+    // An angle in (-2pi, 2pi] brought into (-pi, pi].
+    static T wrapAngle(T angle) {
+        const T pi = T(3.14159265358979323846);
+        if (angle > pi) return angle - 2 * pi;
+        if (angle <= -pi) return angle + 2 * pi;
+        return angle;
     }
 };
 
