@@ -1,0 +1,193 @@
+// simulate() must not touch the heap. This file replaces the global operator new and
+// delete for the whole test program with versions that count while counting is switched
+// on; they allocate through malloc/free, which the address sanitizer also watches.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+#include "runtime/RuntimeTestUtil.h"
+
+namespace {
+
+std::atomic<bool> counting{false};
+std::atomic<long> allocations{0};
+
+// Kept out of line so that the compiler does not pair an inlined new with free().
+[[gnu::noinline]] void* countedAlloc(std::size_t n) {
+    if (counting.load(std::memory_order_relaxed)) allocations.fetch_add(1, std::memory_order_relaxed);
+    return std::malloc(n == 0 ? 1 : n);
+}
+
+[[gnu::noinline]] void countedFree(void* p) { std::free(p); }
+
+}  // namespace
+
+void* operator new(std::size_t n) {
+    if (void* p = countedAlloc(n)) return p;
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t n) {
+    if (void* p = countedAlloc(n)) return p;
+    throw std::bad_alloc();
+}
+void* operator new(std::size_t n, const std::nothrow_t&) noexcept { return countedAlloc(n); }
+void* operator new[](std::size_t n, const std::nothrow_t&) noexcept { return countedAlloc(n); }
+void operator delete(void* p) noexcept { countedFree(p); }
+void operator delete[](void* p) noexcept { countedFree(p); }
+void operator delete(void* p, std::size_t) noexcept { countedFree(p); }
+void operator delete[](void* p, std::size_t) noexcept { countedFree(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { countedFree(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { countedFree(p); }
+
+namespace {
+
+// Blocks that do their work without the tracing of the shared test blocks, which formats
+// a string per call.
+const wLeadList& quietIn() {
+    static const wLeadList l{{"in", LEAD_DOUBLE}};
+    return l;
+}
+const wLeadList& quietOut() {
+    static const wLeadList l{{"out", LEAD_DOUBLE}};
+    return l;
+}
+
+class QuietGainDescriptor : public wDescriptorImpl<QuietGainDescriptor, wSimulationBlockStatelessDescriptor> {
+public:
+    static const zo::string& getBlockClassNameS() {
+        static const zo::string s = "RtQuietGain";
+        return s;
+    }
+    static const zo::string& getBlockTypeNameS() { return getBlockClassNameS(); }
+    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader*) const override;
+    double k = 1.0;
+
+protected:
+    const wLeadList& getInputWires_() const override { return quietIn(); }
+    const wLeadList& getOutputWires_() const override { return quietOut(); }
+};
+
+class QuietGain : public wSimulationBlockStateless {
+public:
+    explicit QuietGain(const QuietGainDescriptor* d) : wSimulationBlockStateless(d), d_(d) {}
+    void update(double, unsigned char* data) override {
+        ++updates;
+        writeWire<double>(data, d_->getOutputWireOffset(0), d_->k * readWire<double>(data, d_->getInputWireOffset(0)));
+    }
+    static inline long updates = 0;
+
+private:
+    const QuietGainDescriptor* d_;
+};
+
+std::unique_ptr<wSimulationBlockStateless> QuietGainDescriptor::create(Lua::Loader*) const {
+    return std::make_unique<QuietGain>(this);
+}
+
+// Samples its input every dt seconds; registers its sample as state.
+class QuietSamplerDescriptor : public wDescriptorImpl<QuietSamplerDescriptor, wSimulationBlockDiscDescriptor> {
+public:
+    static const zo::string& getBlockClassNameS() {
+        static const zo::string s = "RtQuietSampler";
+        return s;
+    }
+    static const zo::string& getBlockTypeNameS() { return getBlockClassNameS(); }
+    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader*, wSimulationSystem* s) const override;
+    double dt = 0.1;
+
+protected:
+    const wLeadList& getInputWires_() const override { return quietIn(); }
+    const wLeadList& getOutputWires_() const override { return quietOut(); }
+};
+
+class QuietSampler : public wSimulationBlockDisc {
+public:
+    QuietSampler(const QuietSamplerDescriptor* d, wSimulationSystem* s) : wSimulationBlockDisc(d, s), d_(d) {}
+    double step(double) override {
+        unsigned char* data = system_->getDataPtr();
+        last_ = readWire<double>(data, d_->getInputWireOffset(0));
+        writeWire<double>(data, d_->getOutputWireOffset(0), last_);
+        return d_->dt;
+    }
+    void registerStateData() override { regVar(last_); }
+
+private:
+    const QuietSamplerDescriptor* d_;
+    double last_ = 0;  // last sample
+};
+
+std::unique_ptr<wSimulationBlockDisc> QuietSamplerDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
+    return std::make_unique<QuietSampler>(this, s);
+}
+
+}  // namespace
+
+TEST(RuntimeNoAlloc, SimulateAllocatesNothing) {
+    // Stateless blocks on the input and output sides and inside a continuous loop,
+    // discrete blocks with different periods, and a block working on ports.
+    rt::Builder b;
+    auto* gIn = b.add<QuietGainDescriptor>("gIn");
+    auto* gLoop = b.add<QuietGainDescriptor>("gLoop");
+    auto* gOut = b.add<QuietGainDescriptor>("gOut");
+    auto* trig = b.add<testblocks::TriggerDescriptor>("trig");
+    auto* integ = b.add<testblocks::IntegratorDescriptor>("i");
+    auto* integ2 = b.add<testblocks::IntegratorDescriptor>("i2");
+    auto* s1 = b.add<QuietSamplerDescriptor>("s1");
+    auto* s2 = b.add<QuietSamplerDescriptor>("s2");
+    auto* s3 = b.add<QuietSamplerDescriptor>("s3");
+    gLoop->k = -0.5;
+    s1->dt = 0.01;
+    s2->dt = 0.037;
+    s3->dt = 0.02;
+    b.euler(0.004);
+    b.inputWire("u");
+    b.inputPort("kick");
+    b.outputWire("y");
+    b.outputWire("z");
+    b.outputPort("flag");
+    b.wire(b.io(), "u", gIn, "in");
+    b.wire(gIn, "out", integ2, "in");
+    b.wire(b.io(), "u", integ2, "x.initial");
+    b.wire(integ2, "x", s1, "in");
+    b.wire(gLoop, "out", integ, "in");
+    b.wire(b.io(), "u", integ, "x.initial");
+    b.wire(integ, "x", gLoop, "in");
+    b.wire(integ, "x", s2, "in");
+    b.wire(s1, "out", gOut, "in");
+    b.wire(gOut, "out", b.io(), "y");
+    b.wire(b.io(), "u", s3, "in");
+    b.wire(s3, "out", b.io(), "z");
+    b.port(b.io(), "kick", trig, "in");
+    b.port(trig, "out", b.io(), "flag");
+    auto sys = b.run();
+    auto* kick = dynamic_cast<wInputPort<bool>*>(sys->getInputPort("kick"));
+    ASSERT_NE(kick, nullptr);
+
+    sys->setInput<double>("u", 1.0);
+    double T = sys->simulate(0.0);
+    const long updatesBefore = QuietGain::updates;
+
+    // The counter does see allocations made through new.
+    counting = true;
+    auto probe = std::make_unique<double>(1.0);
+    counting = false;
+    ASSERT_EQ(allocations.exchange(0), 1);
+
+    counting = true;
+    for (int k = 0; k < 10000; ++k) {
+        sys->setInput<double>("u", 1.0 + 0.001 * k);
+        if (k % 100 == 0) kick->setValue(k % 200 == 0);
+        T += sys->simulate(T);
+    }
+    counting = false;
+    EXPECT_EQ(allocations.load(), 0);
+    // The run did real work.
+    EXPECT_GT(T, 10.0);
+    EXPECT_GT(QuietGain::updates - updatesBefore, 10000);
+    EXPECT_NE(sys->getOutput<double>("y"), 0.0);
+    auto* t = dynamic_cast<testblocks::Trigger*>(rt::blockNamed(*sys, "trig"));
+    ASSERT_NE(t, nullptr);
+    EXPECT_EQ(t->arrivals, 100);
+}
