@@ -187,6 +187,12 @@ private:
     friend class wSchemeLayout;
     friend class wSchemeAnalysis;
 
+    // Makes this scheme a copy of `other`: clones first, then commits without throwing.
+    void assignFrom_(const wSimulationSystemScheme& other);
+    // Empties the scheme before a load: blocks, connections, leads, solver, results.
+    void clear_();
+    void clearAnalysis_();
+
     BlockList blocks_;
     zo::vector<Connection> connections_;
     InputOutputBlock ioBlock_;
