@@ -1,0 +1,267 @@
+// The scheme file: a Lua source file defining the global table "simulation_scheme":
+//
+//   simulation_scheme = {
+//     blocks      = { {block entry}, ... },     -- array position - 1 = block index
+//     solver      = { __type = ..., ... },      -- only when the scheme has a solver
+//     io          = { inputWires = {...}, inputPorts = {...},
+//                     outputWires = {...}, outputPorts = {...} },  -- { name =, type = }
+//     connections = { { output_block =, output_lead =, input_block =, input_lead =,
+//                       port = }, ... },        -- block -666: I/O, -665: special commands
+//   }
+//
+// Keys are written in that order. Block entries belong to the block serializers and the
+// descriptors, the solver table to the solver registry.
+#include <new>
+#include <ostream>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+
+#include "vandrel/platform/LuaLoader.h"
+#include "vandrel/platform/LuaSerializer.h"
+#include "vandrel/runtime/SimulationException.h"
+#include "vandrel/runtime/SimulationLogger.h"
+#include "vandrel/scheme/BlockSerializer.h"
+#include "vandrel/scheme/SimulationSystemScheme.h"
+
+namespace {
+
+const zo::string& globalName() {
+    static const zo::string name = "simulation_scheme";
+    return name;
+}
+
+// The four lead arrays of "io", in file order, with the (isInput, isPort) list they hold.
+struct IOList {
+    const char* key;
+    bool isInput;
+    bool isPort;
+};
+constexpr IOList kIOLists[] = {
+    {"inputWires", true, false},
+    {"inputPorts", true, true},
+    {"outputWires", false, false},
+    {"outputPorts", false, true},
+};
+
+zo::string requireString(const Lua::Loader& loader, std::string_view key) {
+    zo::string value;
+    if (!loader.tryGetString(key, &value))
+        throw Lua::LoaderException(loader.formatPath_(key) + " failed to Lua::Loader::getString");
+    return value;
+}
+
+// Input wires already fed by a wire connection of this load: an input wire reads exactly
+// one slot, so a second wire into it is refused.
+using WireTargets = std::set<std::pair<const wSimulationBlockDescriptor*, zo::string>>;
+
+// Reads the connection entry the loader is on and checks it against the blocks read so far.
+wSimulationSystemScheme::Connection readConnection(wSimulationSystemScheme& scheme, const Lua::Loader& loader,
+                                                   WireTargets& fedWires) {
+    const int count = scheme.getBlocksCount();
+    auto isValidIndex = [count](int i) {
+        return i == wSimulationSystemScheme::kIOBlockIndex || i == wSimulationSystemScheme::kSpecialCommandsIndex ||
+               (i >= 0 && i < count);
+    };
+
+    const int outIndex = loader.getInt("output_block");
+    const int inIndex = loader.getInt("input_block");
+    if (!isValidIndex(inIndex)) throw wSimulationException("invalid input block");
+    if (!isValidIndex(outIndex)) throw wSimulationException("invalid output block");
+    const bool isPort = loader.getBoolean("port");
+
+    wSimulationBlockDescriptor* from = scheme.getBlockByIndex(outIndex);
+    zo::string outLead = requireString(loader, "output_lead");
+    if (!from->hasLead(false, isPort, outLead))
+        throw wSimulationException("Block " + std::to_string(outIndex) + " has no output " + outLead);
+
+    wSimulationBlockDescriptor* to = scheme.getBlockByIndex(inIndex);
+    zo::string inLead = requireString(loader, "input_lead");
+    if (!to->hasLead(true, isPort, inLead))
+        throw wSimulationException("Block " + std::to_string(inIndex) + " has no input " + inLead);
+
+    const zo::string what = std::to_string(outIndex) + "." + outLead + " -> " + std::to_string(inIndex) + "." + inLead;
+    if (from->getLeadType(false, isPort, outLead) != to->getLeadType(true, isPort, inLead))
+        throw wSimulationException("Cannot connect " + what + ": different types");
+    if (!isPort && !fedWires.emplace(to, inLead).second)
+        throw wSimulationException("Cannot connect " + what + ": too many input connections");
+
+    return wSimulationSystemScheme::Connection{from, to, std::move(outLead), std::move(inLead), isPort};
+}
+
+}  // namespace
+
+// ---- The I/O block's "io" table
+
+void wSimulationSystemScheme::InputOutputBlock::load(Lua::Loader* loader) {
+    for (const IOList& io : kIOLists) {
+        wLeadList& leads = list_(io.isInput, io.isPort);
+        leads.clear();
+        loader->beginSubtable(io.key);
+        loader->beginArray();
+        while (loader->nextArray()) {
+            zo::string name = requireString(*loader, "name");
+            if (hasLead(io.isInput, io.isPort, name)) throw wSimulationException("Duplicate IO lead: " + name);
+            const int type = loader->getInt("type");
+            if (!isValidLeadType(type))
+                throw wSimulationException("Invalid lead type (" + name + "): " + std::to_string(type));
+            leads.push_back(wLeadDescription{std::move(name), static_cast<eLeadType>(type)});
+        }
+        loader->endSubtable();
+    }
+}
+
+void wSimulationSystemScheme::InputOutputBlock::save(Lua::Loader* loader) const {
+    for (const IOList& io : kIOLists) saveLeadList(*loader, io.key, getLeads(io.isInput, io.isPort));
+}
+
+// ---- Saving
+
+void wSimulationSystemScheme::save(const zo::string& fileName) {
+    try {
+        // Connection ends by index; a block this scheme does not list is written as 0.
+        std::unordered_map<const wSimulationBlockDescriptor*, int> indexOf;
+        indexOf.reserve(blocks_.size() + 2);
+        indexOf.emplace(&ioBlock_, kIOBlockIndex);
+        indexOf.emplace(&specialCmdsBlock_, kSpecialCommandsIndex);
+        for (std::size_t i = 0; i < blocks_.size(); ++i) indexOf.emplace(blocks_[i].get(), static_cast<int>(i));
+        auto index = [&indexOf](const wSimulationBlockDescriptor* b) {
+            auto it = indexOf.find(b);
+            return it == indexOf.end() ? 0 : it->second;
+        };
+
+        Lua::Loader loader;
+        loader.createGlobalTable(globalName());
+
+        loader.createSubtable("blocks");
+        wEditorBlockSerializer writer(&loader, false);
+        for (std::size_t i = 0; i < blocks_.size(); ++i) {
+            loader.createSubtable(static_cast<int>(i) + 1);
+            blocks_[i]->serialize(writer);
+            loader.endSubtable();
+        }
+        loader.endSubtable();
+
+        if (solver_) {
+            loader.createSubtable("solver");
+            wOdeSolversFactory::save(&loader, *solver_);
+            loader.endSubtable();
+        }
+
+        loader.createSubtable("io");
+        ioBlock_.save(&loader);
+        loader.endSubtable();
+
+        loader.createSubtable("connections");
+        for (std::size_t i = 0; i < connections_.size(); ++i) {
+            const Connection& c = connections_[i];
+            loader.createSubtable(static_cast<int>(i) + 1);
+            loader.setInt("output_block", index(c.from));
+            loader.setString("output_lead", c.fromLead);
+            loader.setInt("input_block", index(c.to));
+            loader.setString("input_lead", c.toLead);
+            loader.setBoolean("port", c.isPort);
+            loader.endSubtable();
+        }
+        loader.endSubtable();
+
+        Lua::Serializer(fileName).serialize(loader.getState(), globalName());
+    } catch (const Exception& e) {
+        throw wSimulationException("While serializing " + fileName + ": " + e.what());
+    }
+}
+
+// ---- Loading
+
+void wSimulationSystemScheme::loadForEdit(const zo::string& fileName, zo::vector<int>& discarded, bool) {
+    load_(fileName, nullptr, &discarded, false);
+}
+
+void wSimulationSystemScheme::loadForRuntime(const zo::string& fileName, Lua::Loader* overrides, bool isNested) {
+    if (overrides != nullptr) {
+        load_(fileName, overrides, nullptr, isNested);
+        return;
+    }
+    // A running load is told apart by its overrides loader: give it an empty table.
+    Lua::Loader none;
+    none.createGlobalTable("a");
+    load_(fileName, &none, nullptr, isNested);
+}
+
+void wSimulationSystemScheme::loadForRuntime(const zo::string& fileName) { loadForRuntime(fileName, nullptr, false); }
+
+void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* overrides, zo::vector<int>* discarded,
+                                    bool isNested) {
+    const bool running = overrides != nullptr;
+    // Every failure names the file, whichever layer it comes from.
+    const zo::string prefix = "Error while loading " + fileName + ": ";
+    try {
+        clear_();
+        Lua::Loader loader;
+        loader.load(fileName, globalName());
+        rootDir_ = loader.getDirectory();
+
+        bool hasContinuous = false;
+        loader.beginSubtable("blocks");
+        loader.beginArray();
+        wEditorBlockSerializer editorReader(&loader, true);
+        wRuntimeBlockSerializer runtimeReader(&loader, overrides);
+        wBlockSerializer& reader = running ? static_cast<wBlockSerializer&>(runtimeReader) : editorReader;
+        while (loader.nextArray()) {
+            std::unique_ptr<wSimulationBlockDescriptor> block = reader.createBlock();
+            hasContinuous = hasContinuous || block->isOfType(BLOCK_DIFF);
+            addBlock(std::move(block));
+        }
+        loader.endSubtable();
+
+        // A running scheme needs a solver exactly when it has continuous state; an edited
+        // one keeps whatever the file holds.
+        if (running ? hasContinuous : loader.hasEntry("solver")) {
+            loader.beginSubtable("solver");
+            setOdeSolverDescriptor(wOdeSolversFactory::instance()->load(&loader));
+            loader.endSubtable();
+        }
+
+        loader.beginSubtable("io");
+        ioBlock_.load(&loader);
+        loader.endSubtable();
+
+        loader.beginSubtable("connections");
+        loader.beginArray();
+        WireTargets fedWires;
+        wSimulationLogger& log = wSimulationLogger::instance();
+        for (int position = 0; loader.nextArray(); ++position) {
+            if (running) {
+                connections_.push_back(readConnection(*this, loader, fedWires));
+                continue;
+            }
+            // An editor keeps going without the connections it cannot make.
+            zo::string failure;
+            try {
+                connections_.push_back(readConnection(*this, loader, fedWires));
+                continue;
+            } catch (const Lua::LoaderException& e) {
+                failure = e.what();
+            } catch (const wSimulationException& e) {
+                failure = e.what();
+            }
+            if (log.enabled(LOG_WARNINGS))
+                log << wSimulationLogger::Indenter() << "Discarding connection: " << failure << std::endl;
+            if (discarded != nullptr) discarded->push_back(position);
+        }
+        loader.endSubtable();
+
+        if (running) postLoad_(isNested);
+    } catch (const Lua::LoaderException& e) {
+        throw wSimulationException(prefix + e.what());
+    } catch (const wSimulationException& e) {
+        if (std::string_view(e.what()).starts_with(prefix)) throw;
+        throw wSimulationException(prefix + e.what());
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw wSimulationException(prefix + e.what());
+    }
+}
