@@ -28,6 +28,21 @@ namespace blocktest {
 
 inline constexpr int kIO = wSimulationSystemScheme::kIOBlockIndex;
 
+// Directories made by freshDir, removed when the test program ends.
+struct TempDirs {
+    std::vector<std::filesystem::path> dirs;
+    ~TempDirs() {
+        for (const auto& d : dirs) {
+            std::error_code ec;
+            std::filesystem::remove_all(d, ec);
+        }
+    }
+};
+inline TempDirs& tempDirs() {
+    static TempDirs t;
+    return t;
+}
+
 // A new empty directory under the test temp directory, unique within the process run.
 inline std::filesystem::path freshDir() {
     static std::atomic<int> counter{0};
@@ -38,6 +53,7 @@ inline std::filesystem::path freshDir() {
                                 (stem + "_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
     std::filesystem::remove_all(dir);
     std::filesystem::create_directories(dir);
+    tempDirs().dirs.push_back(dir);
     return dir;
 }
 
@@ -69,11 +85,13 @@ public:
         blocks_.push_back(b);
         return static_cast<int>(blocks_.size()) - 1;
     }
-    // Scheme inputs (values enter through them) and outputs.
-    void inputWire(const std::string& n, eLeadType t) { inWires_.push_back(lead(n, t)); }
-    void inputPort(const std::string& n, eLeadType t) { inPorts_.push_back(lead(n, t)); }
-    void outputWire(const std::string& n, eLeadType t) { outWires_.push_back(lead(n, t)); }
-    void outputPort(const std::string& n, eLeadType t) { outPorts_.push_back(lead(n, t)); }
+    // Scheme inputs (values enter through them) and outputs. The inputs are the I/O
+    // block's output leads ("outputWires", "outputPorts" in the file), the outputs its
+    // input leads.
+    void inputWire(const std::string& n, eLeadType t) { outWires_.push_back(lead(n, t)); }
+    void inputPort(const std::string& n, eLeadType t) { outPorts_.push_back(lead(n, t)); }
+    void outputWire(const std::string& n, eLeadType t) { inWires_.push_back(lead(n, t)); }
+    void outputPort(const std::string& n, eLeadType t) { inPorts_.push_back(lead(n, t)); }
     void wire(int from, const std::string& out, int to, const std::string& in) { connect(from, out, to, in, false); }
     void port(int from, const std::string& out, int to, const std::string& in) { connect(from, out, to, in, true); }
     // The body of a "solver" table, for schemes with continuous blocks.
@@ -111,11 +129,13 @@ private:
 };
 
 // A scheme loaded for running from a file written from `text`, and one system made from it.
+// `overrides`: optional loader over a table { block = { parameter = value } }.
 struct Running {
-    explicit Running(const std::string& text) : dir(freshDir()) {
+    explicit Running(const std::string& text, Lua::Loader* overrides = nullptr) : dir(freshDir()) {
         file = writeFile(dir / "scheme.lua", text);
         scheme = std::make_unique<wSimulationSystemScheme>();
-        scheme->loadForRuntime(file);
+        if (overrides) scheme->loadForRuntime(file, overrides);
+        else scheme->loadForRuntime(file);
         system = scheme->instantiate();
     }
     // The runtime block made from the descriptor named `name`, or null.
@@ -130,6 +150,16 @@ struct Running {
     std::unique_ptr<wSimulationSystemScheme> scheme;
     std::unique_ptr<wSimulationSystem> system;
 };
+
+// `text` loaded for editing (no connection may be discarded).
+inline std::unique_ptr<wSimulationSystemScheme> loadForEdit(const std::string& text) {
+    const std::string file = writeFile(freshDir() / "edit.lua", text);
+    auto s = std::make_unique<wSimulationSystemScheme>();
+    zo::vector<int> discarded;
+    s->loadForEdit(file, discarded);
+    EXPECT_TRUE(discarded.empty());
+    return s;
+}
 
 // Loads `text` for editing and saves it twice (save, load the saved file, save again):
 // returns both saved texts, which must be equal for a block that keeps all its settings.
