@@ -73,11 +73,7 @@ TEST(AggregateBlocks, FreshDescriptors) {
     EXPECT_EQ(mn[2], (wLeadDescription{"input2", LEAD_INT}));
     EXPECT_EQ(wBlockMaxValDescriptor<Vec3d>().getOutputWires()[0].type, LEAD_VECTOR);
 
-    EXPECT_EQ(wBlockSummatorDescriptor<Vec3d>::getBlockClassNameS(), "wBlockSummatorDescriptor<Vec3d>");
-    EXPECT_EQ(wBlockAvgerageValDescriptor<int>().getClassName(), "wBlockAvgerageValDescriptor<int>");
     EXPECT_EQ(wBlockAvgerageValDescriptor<int>().getBlockTypeName(), "AvgVal (int)");
-    EXPECT_EQ(wBlockMinValDescriptor<double>().getBlockTypeName(), "MinVal (dbl)");
-    EXPECT_EQ(wBlockMaxValDescriptor<Vec3d>().getBlockTypeName(), "MaxVal (vec)");
 }
 
 TEST(AggregateBlocks, SumOfEachType) {

@@ -48,19 +48,6 @@ std::string constantsRest(const std::string& values) { return "values = { " + va
 
 }  // namespace
 
-TEST(ConversionBlocks, NamesAndLeads) {
-    wBlockI2ODescriptor<int, double> i2d;
-    EXPECT_EQ(i2d.getClassName(), "wBlockI2ODescriptor<int CMA double>");
-    EXPECT_EQ(i2d.getBlockTypeName(), "conv_i2d");
-    EXPECT_EQ(i2d.getInputWires()[0], (wLeadDescription{"input", LEAD_INT}));
-    EXPECT_EQ(i2d.getOutputWires()[0], (wLeadDescription{"output", LEAD_DOUBLE}));
-    EXPECT_EQ((wBlockI2ODescriptor<bool, int>::getBlockClassNameS()), "wBlockI2ODescriptor<bool CMA int>");
-    EXPECT_EQ((wBlockI2ODescriptor<double, bool>::getBlockTypeNameS()), "conv_d2b");
-    EXPECT_EQ((wBlockI2ODescriptor<bool, double>().getInputWires()[0].type), LEAD_BOOL);
-    EXPECT_EQ(wBlockConstantsDescriptor().getBlockTypeName(), "Constants block");
-    EXPECT_TRUE(wBlockConstantsDescriptor().isOfType(BLOCK_DISCRETE));
-}
-
 TEST(ConversionBlocks, ConvertScalars) {
     blocktest::Running r(conversionScheme());
     wSimulationSystem& sys = *r.system;
