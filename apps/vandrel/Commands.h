@@ -1,0 +1,44 @@
+#pragma once
+// The commands of the `vandrel` host. Each returns the process exit status; library
+// errors propagate as exceptions (main reports them and exits with 1).
+#include <memory>
+#include <string>
+#include <vector>
+
+class wSimulationSystemScheme;
+
+namespace host {
+
+struct RunOptions {
+    std::string scheme;
+    std::string overrides;           // Lua file defining the global table `overrides`
+    double until = 10.0;             // end time (s)
+    double every = 0.0;              // output sampling period (s); 0: one row per call
+    std::vector<std::string> sets;   // NAME=VALUE constants for scheme inputs
+    std::string inputs;              // CSV time series of scheme inputs
+    std::string out;                 // CSV output file; empty: stdout
+    std::string stateIn, stateOut;   // discrete state files
+    std::string plot;                // PNG or SVG file drawn with gnuplot
+    std::string scopeDir;            // directory for oscilloscope recordings
+    bool quiet = false;              // no progress bar
+};
+
+int runCommand(const RunOptions& options);
+// Loads a scheme for running with the `overrides` table of the given Lua file (if any).
+std::unique_ptr<wSimulationSystemScheme> loadSchemeForRun(const std::string& file, const std::string& overrides);
+int checkCommand(const std::string& scheme, const std::string& overrides);
+int blocksCommand(bool verbose);
+int fmtCommand(const std::string& scheme, const std::string& out, bool check);
+int dumpCommand(const std::string& scheme, const std::string& overrides);
+
+// Exit statuses.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitError = 1;  // load or simulation error
+inline constexpr int kExitUsage = 2;  // bad command line
+
+// A command-line mistake found after parsing (bad --set value, unknown input name...).
+struct UsageError {
+    std::string message;
+};
+
+}  // namespace host
