@@ -1,0 +1,45 @@
+#!/usr/bin/env python3
+"""Prints the summary table of a vandrel benchmark run (Google Benchmark JSON)."""
+import json
+import sys
+
+
+def main(path):
+    with open(path) as f:
+        data = json.load(f)
+    runs = {b["name"]: b for b in data["benchmarks"] if b.get("run_type", "iteration") == "iteration"}
+    ctx = data["context"]
+    print(f"machine: {ctx.get('num_cpus')} CPUs at {ctx.get('mhz_per_cpu')} MHz, build {ctx.get('library_build_type')}")
+    print()
+    print("| benchmark | N | figure | value | target |")
+    print("|---|---|---|---|---|")
+    for n in (10, 100, 1000, 10000):
+        lib, ref = runs.get(f"BM_Lags/{n}"), runs.get(f"BM_LagsReference/{n}")
+        if not lib or not ref:
+            continue
+        ratio = lib["ns_per_state_step"] / ref["ns_per_state_step"]
+        target = " <= 3 ns" if n == 1000 else ""
+        print(f"| lags | {n} | ns per block evaluation | {lib['ns_per_block_eval']:.2f} |{target} |")
+        print(f"| lags | {n} | ns per state per step | {lib['ns_per_state_step']:.2f} |{' <= 6 ns' if n == 1000 else ''} |")
+        print(f"| lags reference | {n} | ns per state per step | {ref['ns_per_state_step']:.2f} | |")
+        print(f"| lags | {n} | ratio to reference | {ratio:.1f}x |{' <= 8x' if n == 1000 else ''} |")
+    ev = runs.get("BM_Events/1000")
+    if ev:
+        print(f"| events | 1000 | million events per second | {ev['events_per_s'] / 1e6:.1f} | >= 10 |")
+    for n in (1000, 5000):
+        b = runs.get(f"BM_LoadInstantiate/{n}")
+        if b:
+            blocks = int(b["blocks"])
+            target = "<= 20 ms" if n == 1000 else "<= 100 ms"
+            print(f"| load + instantiate | {blocks} blocks | ms | {b['real_time']:.1f} | {target} |")
+        s = runs.get(f"BM_Save/{n}")
+        if s:
+            print(f"| save | {int(s['blocks'])} blocks | ms | {s['real_time']:.1f} | |")
+    m = runs.get("BM_Memory/1000/iterations:1")
+    if m:
+        print(f"| memory | {int(m['blocks'])} blocks | heap bytes per block beyond the data area | {m['heap_bytes_per_block']:.0f} | <= 256 |")
+        print(f"| memory | {int(m['blocks'])} blocks | data area bytes | {int(m['data_area_bytes'])} | as laid out |")
+
+
+if __name__ == "__main__":
+    main(sys.argv[1])
