@@ -1,0 +1,231 @@
+// The `vandrel` program through a real process, on the examples and small schemes.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <sys/wait.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+#ifdef VANDREL_CLI
+const char* const kCli = VANDREL_CLI;
+#else
+const char* const kCli = nullptr;
+#endif
+
+struct Result {
+    int status = -1;
+    std::string out;  // standard output
+    std::string err;  // standard error
+};
+
+std::string slurp(const fs::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+class Cli : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!kCli) GTEST_SKIP() << "the command-line host is not built";
+        dir_ = fs::path(testing::TempDir()) / ("vandrel-cli-" + std::to_string(::getpid()) + "-" +
+                                               testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::create_directories(dir_);
+    }
+    void TearDown() override {
+        if (!dir_.empty()) fs::remove_all(dir_);
+    }
+
+    Result run(const std::string& args) {
+        const fs::path err = dir_ / "stderr.txt";
+        const std::string cmd = std::string(kCli) + " " + args + " 2>" + err.string();
+        Result r;
+        std::FILE* p = ::popen(cmd.c_str(), "r");
+        char buf[4096];
+        std::size_t n;
+        while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
+        const int status = ::pclose(p);
+        r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        r.err = slurp(err);
+        return r;
+    }
+    fs::path write(const std::string& name, const std::string& text) {
+        const fs::path p = dir_ / name;
+        std::ofstream(p) << text;
+        return p;
+    }
+    static std::string example(const char* name) { return std::string(VANDREL_EXAMPLES_DIR) + "/" + name; }
+
+    fs::path dir_;
+};
+
+std::vector<std::vector<std::string>> csv(const std::string& text) {
+    std::vector<std::vector<std::string>> rows;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::vector<std::string> cells;
+        std::istringstream l(line);
+        std::string cell;
+        while (std::getline(l, cell, ',')) cells.push_back(cell);
+        rows.push_back(cells);
+    }
+    return rows;
+}
+
+// y' = u - y with y(0) = 0 and H = 0.1: explicit Euler gives y_n = 1 - 0.9^n for u = 1.
+const char* const kLag = R"(simulation_scheme = {
+  blocks = {
+    { __name = "c", __type = "wBlockConstantsDescriptor",
+      values = { { name = "y0", type = 1 } }, __parameters = { y0 = { value = 0 } } },
+    { __name = "e", __type = "wBlockSummatorDescriptor<double>", __parameters = {},
+      inputs = { { name = "u", coeff = 1 }, { name = "y", coeff = -1 } } },
+    { __name = "y", __type = "wBlockIntegratorDescriptor<double>", __parameters = {} },
+  },
+  solver = { __type = "wSolverExplEulerDescriptor", H = 0.1 },
+  io = { inputWires = { { name = "y", type = 2 } }, inputPorts = {},
+         outputWires = { { name = "u", type = 2 }, { name = "v", type = 3 } }, outputPorts = {} },
+  connections = {
+    { output_block = -666, output_lead = "u", input_block = 1, input_lead = "u", port = false },
+    { output_block = 2, output_lead = "output", input_block = 1, input_lead = "y", port = false },
+    { output_block = 1, output_lead = "output", input_block = 2, input_lead = "input", port = false },
+    { output_block = 0, output_lead = "y0", input_block = 2, input_lead = "output.initial", port = false },
+    { output_block = 2, output_lead = "output", input_block = -666, input_lead = "y", port = false },
+  },
+}
+)";
+
+TEST_F(Cli, RunWritesOneRowPerStepMatchingEulerByHand) {
+    const auto scheme = write("lag.lua", kLag);
+    const Result r = run("run " + scheme.string() + " --until 1 --set u=1 --set v=1,2,3 -q");
+    ASSERT_EQ(r.status, 0) << r.err;
+    const auto rows = csv(r.out);
+    ASSERT_EQ(rows.size(), 11u);
+    EXPECT_EQ(rows[0], (std::vector<std::string>{"time", "y"}));
+    for (int n = 1; n <= 10; ++n) {
+        const auto& row = rows[static_cast<std::size_t>(n)];
+        EXPECT_NEAR(std::stod(row[0]), 0.1 * n, 1e-12);
+        EXPECT_NEAR(std::stod(row[1]), 1 - std::pow(0.9, n), 1e-12) << "step " << n;
+    }
+}
+
+TEST_F(Cli, RunSamplesOnAGridAndFeedsInputsFromCsv) {
+    const auto scheme = write("lag.lua", kLag);
+    // u = 0 until t = 0.5, then 1: y stays 0, then follows 1 - 0.9^k.
+    const auto inputs = write("u.csv", "time,u,v.y\n0,0,0\n0.5,1,2\n");
+    const Result r = run("run " + scheme.string() + " --until 1 --every 0.25 --inputs " + inputs.string() + " -q");
+    ASSERT_EQ(r.status, 0) << r.err;
+    const auto rows = csv(r.out);
+    ASSERT_EQ(rows.size(), 5u);  // header, 0.25, 0.5, 0.75, 1 (no state reached before 0.1)
+    EXPECT_EQ(rows[1][0], "0.25");
+    EXPECT_EQ(std::stod(rows[2][1]), 0.0);                     // y(0.5): input not yet 1
+    EXPECT_NEAR(std::stod(rows[3][1]), 1 - std::pow(0.9, 2), 1e-12);  // y(0.7), held at 0.75
+    EXPECT_NEAR(std::stod(rows[4][1]), 1 - std::pow(0.9, 5), 1e-12);  // y(1.0)
+}
+
+TEST_F(Cli, TankExampleSettlesAtTheProportionalEquilibrium) {
+    const auto out = dir_ / "tank.csv";
+    const auto png = dir_ / "tank.png";
+    const Result r = run("run " + example("tank_level.lua") + " --until 60 --every 1 -q --out " + out.string() +
+                         " --plot " + png.string());
+    ASSERT_EQ(r.status, 0) << r.err;
+    const auto rows = csv(slurp(out));
+    ASSERT_EQ(rows.size(), 61u);
+    EXPECT_EQ(rows[0], (std::vector<std::string>{"time", "level", "setpoint", "pump"}));
+    // Setpoint: 0.05 m/s ramp, then 1.5. Level: 2.5 (1.5 - h) = 0.5 h gives h = 1.25.
+    EXPECT_NEAR(std::stod(rows[10][2]), 0.5, 1e-9);
+    EXPECT_EQ(std::stod(rows[60][2]), 1.5);
+    EXPECT_NEAR(std::stod(rows[60][1]), 1.25, 1e-6);
+    EXPECT_NEAR(std::stod(rows[60][3]), 0.625, 1e-6);
+    EXPECT_EQ(slurp(png).substr(1, 3), "PNG");
+}
+
+TEST_F(Cli, OverridesAndStateFilesContinueARun) {
+    const std::string scheme = example("speed_control.lua");
+    const std::string overrides = " --overrides " + example("speed_control.overrides.lua");
+    // Without overrides the open reference speed is refused, naming the file.
+    Result r = run("run " + scheme + " --until 1 -q");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("Error while loading " + scheme + ": Parameter not defined: targets.speed_ref"), std::string::npos)
+        << r.err;
+
+    // The setpoint profile (50 rpm/s) is discrete state: a second run restored at t = 1
+    // continues it from 50 rpm.
+    const auto state = dir_ / "state.bin";
+    r = run("run " + scheme + overrides + " --until 1 --every 0.5 -q --state-out " + state.string());
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NEAR(std::stod(csv(r.out).back()[2]), 50, 1e-9);
+    r = run("run " + scheme + overrides + " --until 2 --every 0.5 -q --state-in " + state.string());
+    ASSERT_EQ(r.status, 0) << r.err;
+    const auto rows = csv(r.out);
+    ASSERT_GE(rows.size(), 3u);
+    EXPECT_NEAR(std::stod(rows[1][0]), 1.5, 1e-9);
+    EXPECT_NEAR(std::stod(rows[1][2]), 75, 1e-9);
+}
+
+TEST_F(Cli, ErrorsAndUsageMistakesHaveTheirExitStatus) {
+    const auto scheme = write("lag.lua", kLag);
+    Result r = run("run " + scheme.string() + " --set nosuch=1");
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("no input wire \"nosuch\""), std::string::npos) << r.err;
+    r = run("run " + scheme.string() + " --set v=1,2");
+    EXPECT_EQ(r.status, 2);
+    r = run("run " + scheme.string() + " --frobnicate");
+    EXPECT_EQ(r.status, 2);
+    r = run("frobnicate");
+    EXPECT_EQ(r.status, 2);
+
+    const auto broken = write("broken.lua", "simulation_scheme = { blocks = { { __name = \"x\", __type = \"NoSuchBlock\" } } }\n");
+    r = run("check " + broken.string());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("Error while loading " + broken.string() + ": Block NoSuchBlock not found"), std::string::npos)
+        << r.err;
+    const auto syntax = write("syntax.lua", "simulation_scheme = {\n  blocks = {\n");
+    r = run("check " + syntax.string());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find(syntax.string()), std::string::npos) << r.err;
+
+    r = run("check " + example("thermostat.lua"));
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("OK: "), std::string::npos);
+}
+
+TEST_F(Cli, FmtIsIdempotentAndCheckDetectsNonCanonicalFiles) {
+    const auto scheme = write("lag.lua", kLag);
+    EXPECT_EQ(run("fmt --check " + scheme.string()).status, 1);
+    const auto once = dir_ / "once.lua", twice = dir_ / "twice.lua";
+    ASSERT_EQ(run("fmt " + scheme.string() + " -o " + once.string()).status, 0);
+    ASSERT_EQ(run("fmt " + once.string() + " -o " + twice.string()).status, 0);
+    EXPECT_EQ(slurp(once), slurp(twice));
+    EXPECT_EQ(run("fmt --check " + once.string()).status, 0);
+    // The canonical file still runs the same.
+    const Result a = run("run " + scheme.string() + " --until 0.5 --set u=1 -q");
+    const Result b = run("run " + once.string() + " --until 0.5 --set u=1 -q");
+    EXPECT_EQ(a.out, b.out);
+}
+
+TEST_F(Cli, BlocksListsTheLibraryAndDumpShowsTheLayout) {
+    Result r = run("blocks");
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.out.find("wBlockANDDescriptor"), 0u);
+    EXPECT_NE(r.out.find("wBlockVectorPickerDescriptor"), std::string::npos);
+    r = run("blocks --verbose");
+    EXPECT_NE(r.out.find("parameters: dt (double, default 0) slope (double, default 0)"), std::string::npos);
+    r = run("dump " + example("tank_level.lua"));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out.find("Debug dump of system:"), 0u);
+    EXPECT_NE(r.out.find("Dumping block \"level\" (I (dbl))"), std::string::npos);
+    EXPECT_EQ(run("run --help").status, 0);
+}
+
+}  // namespace
