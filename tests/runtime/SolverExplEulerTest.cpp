@@ -48,12 +48,18 @@ TEST(RuntimeEuler, SplitsTheIntervalIntoStepsOfAtMostH) {
     // Steps of 0.1, 0.1 and the rest; each multiplies the state by (1 + k s).
     const double rest = 0.25 - 0.1 - 0.1;
     EXPECT_DOUBLE_EQ(m.sys->getOutput<double>("x"), (1 + 0.1) * (1 + 0.1) * (1 + rest));
-    // One update before integrating, then one per step, all at the call's time.
-    EXPECT_THAT(testblocks::trace(), ElementsAre("c@0", "g@0", "g@0", "g@0", "g@0"));
+    // One update before integrating, which the first step's derivative reuses, then one
+    // per further step, all at the call's time.
+    EXPECT_THAT(testblocks::trace(), ElementsAre("c@0", "g@0", "g@0", "g@0"));
 
     testblocks::clearTrace();
     EXPECT_DOUBLE_EQ(m.sys->simulate(0.25), 0.25);
-    EXPECT_THAT(testblocks::trace(), ElementsAre("c@0.25", "g@0.25", "g@0.25", "g@0.25", "g@0.25"));
+    EXPECT_THAT(testblocks::trace(), ElementsAre("c@0.25", "g@0.25", "g@0.25", "g@0.25"));
+
+    // A host that sets the state between calls gets derivatives from the new state.
+    m.sys->getDiffState()[0] = 2.0;
+    EXPECT_DOUBLE_EQ(m.sys->simulate(0.5), 0.25);
+    EXPECT_DOUBLE_EQ(m.sys->getOutput<double>("x"), 2.0 * (1 + 0.1) * (1 + 0.1) * (1 + rest));
 }
 
 TEST(RuntimeEuler, WithoutEventsIntegratesOneStepPerCall) {

@@ -16,6 +16,13 @@ void logStep(const char* what, double t) {
     if (log.enabled(LOG_TRACE)) log << wSimulationLogger::Indenter() << what << "(" << t << ")" << std::endl;
 }
 
+// Blocks that take their offsets when built need the scheme laid out first.
+const wSimulationBlockDescriptor& requireLayout(const wSimulationBlockDescriptor* d) {
+    if (!d->hasWireOffsets())
+        throw wSimulationException("Block " + d->getName() + " has no wire offsets: analyse its scheme before running it");
+    return *d;
+}
+
 template <class T>
 const wLeadList& outputWireOf() {
     static const wLeadList l{{"output", wLeadTypeOf<T>::value}};
@@ -170,13 +177,20 @@ void wBlockSummatorDescriptor<T>::serialize(wBlockSerializer& s) {
 }
 
 template <class T>
+wBlockSummator<T>::wBlockSummator(const wBlockSummatorDescriptor<T>* d)
+    : wSimulationBlockStateless(d), outputOffset_(requireLayout(d).getOutputWireOffset(0)) {
+    const auto& coefficients = d->getCoefficients();
+    terms_.reserve(coefficients.size());
+    for (std::size_t i = 0; i < coefficients.size(); ++i)
+        terms_.push_back({d->getInputWireOffset(static_cast<int>(i)), coefficients[i]});
+}
+
+template <class T>
 void wBlockSummator<T>::update(double t, unsigned char* data) {
     logStep("wBlockSummator<0>", t);
-    const auto& coefficients = d_->getCoefficients();
     T out{};
-    for (std::size_t i = 0; i < coefficients.size(); ++i)
-        addScaled(out, readWire<T>(data, d_->getInputWireOffset(static_cast<int>(i))), coefficients[i]);
-    writeWire<T>(data, d_->getOutputWireOffset(0), out);
+    for (const Term& term : terms_) addScaled(out, readWire<T>(data, term.offset), term.coefficient);
+    writeWire<T>(data, outputOffset_, out);
 }
 
 // ---- Paired inputs

@@ -77,11 +77,18 @@ private:
 template <class T>
 class wBlockSummator : public wSimulationBlockStateless {
 public:
-    explicit wBlockSummator(const wBlockSummatorDescriptor<T>* d) : wSimulationBlockStateless(d), d_(d) {}
+    using Coefficient = typename wBlockSummatorDescriptor<T>::Coefficient;
+    // Takes the wire offsets and coefficients once: the scheme does not change while it runs.
+    explicit wBlockSummator(const wBlockSummatorDescriptor<T>* d);
     void update(double t, unsigned char* data) override;
 
 private:
-    const wBlockSummatorDescriptor<T>* d_;
+    struct Term {
+        int offset;               // byte offset of the input wire
+        Coefficient coefficient;  // its weight
+    };
+    zo::vector<Term> terms_;
+    int outputOffset_;  // byte offset of "output"
 };
 
 // ---- Paired inputs: (value T, second wire) per pair

@@ -47,7 +47,7 @@ const wLeadList& wBlockIntegratorDescriptor<T>::getOutputWires_() const {
 
 template <class T>
 void wBlockIntegrator<T>::calculate_dy(double, unsigned char* data, unsigned char* dy) {
-    writeWire<T>(dy, descriptor_->getOutputWireOffset(0), readWire<T>(data, descriptor_->getInputWireOffset(0)));
+    writeWire<T>(dy, outputOffset_, readWire<T>(data, inputOffset_));
 }
 
 template class wBlockIntegratorDescriptor<double>;

@@ -35,9 +35,16 @@ protected:
 template <class T>
 class wBlockIntegrator : public wSimulationBlockDiff {
 public:
-    explicit wBlockIntegrator(const wBlockIntegratorDescriptor<T>* descriptor) : wSimulationBlockDiff(descriptor) {}
+    explicit wBlockIntegrator(const wBlockIntegratorDescriptor<T>* descriptor)
+        : wSimulationBlockDiff(descriptor),
+          inputOffset_(descriptor->getInputWireOffset(0)),
+          outputOffset_(descriptor->getOutputWireOffset(0)) {}
     // Copies the input wire into the derivative slot of the output; t is not used.
     void calculate_dy(double t, unsigned char* data, unsigned char* dy) override;
+
+private:
+    int inputOffset_;   // byte offset of "input"
+    int outputOffset_;  // byte offset of "output", the state
 };
 
 template <>

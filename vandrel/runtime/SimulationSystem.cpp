@@ -455,8 +455,13 @@ void wSimulationSystem::throwStalled_(int discreteIndex, double t, double r) con
 
 double wSimulationSystem::advanceDifferential_(double T, double h) {
     const wSimulationSystemScheme& s = *scheme_;
+    // Everything downstream of the state is brought up to date exactly once before the
+    // first derivative, whoever last touched the state (solver, reset or host).
+    setDirty_(s.getStatelessBlocksInDiff());
     updateDirty_(s.getStatelessBlocksOnDiffInput(), T);
+    rhsFresh_ = true;
     const double r = solver_->advance(T, h);
+    rhsFresh_ = false;
     setDirty_(s.getStatelessBlocksInDiff());
     return r;
 }
@@ -484,7 +489,16 @@ double* wSimulationSystem::getDiffState() {
 int wSimulationSystem::getDiffStateSize() const { return scheme_->getDiffMemorySize() / 8; }
 
 void wSimulationSystem::calcDiffRhs(double t, double* dy) {
-    for (int i : scheme_->getStatelessBlocksInDiff()) stateless_[static_cast<std::size_t>(i)]->update(t, data_);
+    // The blocks downstream of continuous state follow the state, which the solver changes
+    // between calls. On the first call of an advance the state has not moved since
+    // advanceDifferential_ brought the dirty ones up to date at the same time, so only
+    // those still dirty need to run: the values are the same, without a second pass.
+    if (rhsFresh_) {
+        updateDirty_(scheme_->getStatelessBlocksInDiff(), t);
+        rhsFresh_ = false;
+    } else {
+        for (int i : scheme_->getStatelessBlocksInDiff()) stateless_[static_cast<std::size_t>(i)]->update(t, data_);
+    }
     // Blocks address derivatives by their state's offset in the data area: shift dy back
     // so that the start of the continuous run lines up with dy[0].
     unsigned char* base = static_cast<unsigned char*>(static_cast<void*>(dy)) - scheme_->getDiffMemoryOffset();
@@ -493,6 +507,8 @@ void wSimulationSystem::calcDiffRhs(double t, double* dy) {
 
 void wSimulationSystem::resetDiff_(const bool& /*any value resets*/) {
     for (wSimulationBlockDiff* b : diff_) b->resetState(data_);
+    // The states jumped: everything computed from them is stale.
+    setDirty_(scheme_->getStatelessBlocksInDiff());
 }
 
 // ---- State blobs

@@ -118,6 +118,7 @@ private:
     wInputPortImpl<bool, wSimulationSystem> commandPort_;   // "reset_diff_state"
     zo::vector<QueueEntry> queue_;                          // binary min-heap, capacity = discrete count
     bool ownsData_ = false;                                 // free data_ on destruction
+    bool rhsFresh_ = false;  // the next calcDiffRhs is the first of an advance (see there)
     // Typed views of blocks_ by kind, indexed by stateless / diff / discrete index.
     zo::vector<wSimulationBlockStateless*> stateless_;
     zo::vector<wSimulationBlockDiff*> diff_;
