@@ -17,6 +17,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "vandrel/platform/LuaLoader.h"
@@ -209,10 +210,21 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
         wEditorBlockSerializer editorReader(&loader, true);
         wRuntimeBlockSerializer runtimeReader(&loader, overrides);
         wBlockSerializer& reader = running ? static_cast<wBlockSerializer&>(runtimeReader) : editorReader;
+        // Plain names seen so far: addBlock's lookup is linear, which would make loading
+        // quadratic in the number of blocks. Dotted names ("sub.inner") still go through
+        // addBlock, which looks into subsystems.
+        std::unordered_set<std::string_view> plainNames;
         while (loader.nextArray()) {
             std::unique_ptr<wSimulationBlockDescriptor> block = reader.createBlock();
             hasContinuous = hasContinuous || block->isOfType(BLOCK_DIFF);
-            addBlock(std::move(block));
+            const zo::string& name = block->getName();
+            if (name.empty() || name.find('.') != zo::string::npos) {
+                addBlock(std::move(block));
+                continue;
+            }
+            if (!plainNames.insert(name).second)
+                throw wSimulationException("Trying to add block with duplicate name: " + name);
+            adoptBlock_(std::move(block));
         }
         loader.endSubtable();
 

@@ -212,6 +212,10 @@ wSimulationBlockDescriptor* wSimulationSystemScheme::addBlock(std::unique_ptr<wS
     // The same lookup as getBlockByName, so "sub.inner" collides with a nested block too.
     if (!block->getName().empty() && getBlockByName(block->getName()) != nullptr)
         throw wSimulationException("Trying to add block with duplicate name: " + block->getName());
+    return adoptBlock_(std::move(block));
+}
+
+wSimulationBlockDescriptor* wSimulationSystemScheme::adoptBlock_(std::unique_ptr<wSimulationBlockDescriptor> block) {
     block->setScheme(this);
     blocks_.push_back(std::move(block));
     return blocks_.back().get();

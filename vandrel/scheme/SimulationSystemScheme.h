@@ -191,6 +191,8 @@ private:
     void assignFrom_(const wSimulationSystemScheme& other);
     // Empties the scheme before a load: blocks, connections, leads, solver, results.
     void clear_();
+    // Appends a block already checked for a unique name.
+    wSimulationBlockDescriptor* adoptBlock_(std::unique_ptr<wSimulationBlockDescriptor> block);
     void clearAnalysis_();
 
     BlockList blocks_;
