@@ -2,11 +2,6 @@
 
 #include <stdexcept>
 
-wSimulationLogger& wSimulationLogger::instance() {
-    static wSimulationLogger logger;
-    return logger;
-}
-
 void wSimulationLogger::setIndent(int n) {
     // The width is taken as unsigned: a negative one is an impossible length.
     if (n < 0) throw std::length_error("string too long");

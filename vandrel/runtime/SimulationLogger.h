@@ -21,7 +21,11 @@ class wSimulationLogger {
 public:
     struct Indenter {};
 
-    static wSimulationLogger& instance();
+    // Inline: blocks test the level at every evaluation, so this must cost a load or two.
+    static wSimulationLogger& instance() {
+        static wSimulationLogger logger;
+        return logger;
+    }
 
     void setLevel(weSimulationLogLevel level) { level_ = level; }
     void setLevel(int level) { level_ = static_cast<weSimulationLogLevel>(level); }
