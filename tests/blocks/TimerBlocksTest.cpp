@@ -5,12 +5,14 @@
 #include <iomanip>
 #include <sstream>
 
-#include "blocks/BlockTestUtil.h"
-#include "blocks/PortTestUtil.h"
+#include "support/SchemeFiles.h"
 #include "vandrel/blocks/Timers.h"
 
-using blocktest::kIO;
-using blocktest::PortRecorder;
+using testutil::kIO;
+using testutil::PortRecorder;
+using testutil::Running;
+using testutil::SchemeText;
+using testutil::sendToInput;
 
 namespace {
 
@@ -27,7 +29,7 @@ std::string param(const std::string& name, const std::string& luaValue) {
 
 // One delay trigger with its "reset" and "timed_out" ports on the scheme.
 std::string delayScheme(double dt, bool enabled, double delay) {
-    blocktest::SchemeText s;
+    SchemeText s;
     const int d = s.block("delay", "wBlockDelayTriggerDescriptor",
                           param("dt", num(dt)) + param("enabled", enabled ? "true" : "false") +
                               param("delay_time", num(delay)));
@@ -51,63 +53,55 @@ std::vector<std::vector<bool>> runUpdates(wSimulationSystem& sys, PortRecorder<b
 
 using Updates = std::vector<std::vector<bool>>;
 
+// The updates a delay trigger, run for `n` updates, sends "timed_out" in.
+Updates delayRun(double dt, bool enabled, double delay, int n) {
+    Running r(delayScheme(dt, enabled, delay));
+    PortRecorder<bool> rec;
+    rec.listen(*r.system, "timed_out");
+    double T = 0.0;
+    return runUpdates(*r.system, rec, n, &T);
+}
+
 TEST(TimerBlocks, DelayTriggerFiresOnceAfterTheDelay) {
-    {
-        // The first update only arms; 0.3 - 3 * 0.1 is just below 0, so the fourth fires.
-        blocktest::Running r(delayScheme(0.1, true, 0.3));
-        PortRecorder<bool> rec;
-        rec.listen(*r.system, "timed_out");
-        double T = 0.0;
-        EXPECT_EQ(runUpdates(*r.system, rec, 7, &T), (Updates{{false}, {}, {}, {true}, {}, {}, {}}));
-    }
-    {
-        // Exact arithmetic: 0.25 left after the second update, exactly 0 at the third.
-        blocktest::Running r(delayScheme(0.25, true, 0.5));
-        PortRecorder<bool> rec;
-        rec.listen(*r.system, "timed_out");
-        double T = 0.0;
-        EXPECT_EQ(runUpdates(*r.system, rec, 6, &T), (Updates{{false}, {}, {true}, {}, {}, {}}));
-    }
-    {
-        // A delay of 0 never counts down, so an enabled trigger never fires.
-        blocktest::Running r(delayScheme(0.1, true, 0.0));
-        PortRecorder<bool> rec;
-        rec.listen(*r.system, "timed_out");
-        double T = 0.0;
-        EXPECT_EQ(runUpdates(*r.system, rec, 20, &T), (Updates{{false}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {},
-                                                                 {}, {}, {}, {}, {}, {}, {}, {}, {}}));
-    }
+    // The first update only arms; 0.3 - 3 * 0.1 is just below 0, so the fourth fires.
+    EXPECT_EQ(delayRun(0.1, true, 0.3, 7), (Updates{{false}, {}, {}, {true}, {}, {}, {}}));
+    // Exact arithmetic: 0.25 left after the second update, exactly 0 at the third.
+    EXPECT_EQ(delayRun(0.25, true, 0.5, 6), (Updates{{false}, {}, {true}, {}, {}, {}}));
+    // A delay of 0 never counts down, so an enabled trigger never fires.
+    Updates never(20);
+    never[0] = {false};
+    EXPECT_EQ(delayRun(0.1, true, 0.0, 20), never);
 }
 
 TEST(TimerBlocks, DelayTriggerResetPortRearms) {
     {
         // Disabled: "timed out" at the first update and at once on every reset, true or false.
-        blocktest::Running r(delayScheme(0.1, false, 0.3));
+        Running r(delayScheme(0.1, false, 0.3));
         PortRecorder<bool> rec;
         rec.listen(*r.system, "timed_out");
         double T = 0.0;
         EXPECT_EQ(runUpdates(*r.system, rec, 3, &T), (Updates{{true}, {}, {}}));
-        blocktest::sendToInput<bool>(*r.system, "reset", true);
+        sendToInput<bool>(*r.system, "reset", true);
         EXPECT_EQ(rec.take(), std::vector<bool>{true});
-        blocktest::sendToInput<bool>(*r.system, "reset", false);
+        sendToInput<bool>(*r.system, "reset", false);
         EXPECT_EQ(rec.take(), std::vector<bool>{true});
         EXPECT_EQ(runUpdates(*r.system, rec, 5, &T), (Updates{{}, {}, {}, {}, {}}));
     }
     {
         // Enabled: a false arriving at "reset" re-arms the full delay, after firing too.
-        blocktest::Running r(delayScheme(0.25, true, 0.5));
+        Running r(delayScheme(0.25, true, 0.5));
         PortRecorder<bool> rec;
         rec.listen(*r.system, "timed_out");
         double T = 0.0;
         EXPECT_EQ(runUpdates(*r.system, rec, 4, &T), (Updates{{false}, {}, {true}, {}}));
-        blocktest::sendToInput<bool>(*r.system, "reset", false);
+        sendToInput<bool>(*r.system, "reset", false);
         EXPECT_EQ(rec.take(), std::vector<bool>{false});
         EXPECT_EQ(runUpdates(*r.system, rec, 3, &T), (Updates{{}, {true}, {}}));
         // Re-armed half-way: the count restarts from the full delay.
-        blocktest::sendToInput<bool>(*r.system, "reset", true);
+        sendToInput<bool>(*r.system, "reset", true);
         EXPECT_EQ(rec.take(), std::vector<bool>{false});
         EXPECT_EQ(runUpdates(*r.system, rec, 1, &T), (Updates{{}}));
-        blocktest::sendToInput<bool>(*r.system, "reset", true);
+        sendToInput<bool>(*r.system, "reset", true);
         EXPECT_EQ(rec.take(), std::vector<bool>{false});
         EXPECT_EQ(runUpdates(*r.system, rec, 3, &T), (Updates{{}, {true}, {}}));
         // No registered state: a scheme holding a delay trigger cannot save its state.
@@ -116,7 +110,7 @@ TEST(TimerBlocks, DelayTriggerResetPortRearms) {
 }
 
 std::string multipleScheme(double dt, const std::string& times) {
-    blocktest::SchemeText s;
+    SchemeText s;
     const int d = s.block("multi", "wBlockDelayTriggerMultipleDescriptor",
                           param("dt", num(dt)) + param("delay_time", "{ " + times + " }"));
     s.outputPort("timed_out", LEAD_BOOL);
@@ -127,7 +121,7 @@ std::string multipleScheme(double dt, const std::string& times) {
 TEST(TimerBlocks, DelayTriggerMultipleFiresOneTimePerUpdate) {
     {
         // All three times long past: still one true per update.
-        blocktest::Running r(multipleScheme(0.1, "1, 2, 3"));
+        Running r(multipleScheme(0.1, "1, 2, 3"));
         PortRecorder<bool> rec;
         rec.listen(*r.system, "timed_out");
         r.system->setSchemeQueueTime(5.0);
@@ -136,7 +130,7 @@ TEST(TimerBlocks, DelayTriggerMultipleFiresOneTimePerUpdate) {
     }
     {
         // Unsorted: 3 holds back 1 until t passes 3 (strictly: not at t = 3).
-        blocktest::Running r(multipleScheme(1.0, "3, 1"));
+        Running r(multipleScheme(1.0, "3, 1"));
         PortRecorder<bool> rec;
         rec.listen(*r.system, "timed_out");
         double T = 0.0;
@@ -145,11 +139,11 @@ TEST(TimerBlocks, DelayTriggerMultipleFiresOneTimePerUpdate) {
 }
 
 TEST(TimerBlocks, DelayTriggerWireIsTrueStrictlyAfterTheDelay) {
-    blocktest::SchemeText s;
+    SchemeText s;
     const int d = s.block("w", "wBlockDelayTriggerWireDescriptor", param("dt", "0.5") + param("delay_par", "2"));
     s.outputWire("triggered", LEAD_BOOL);
     s.wire(d, "triggered", kIO, "triggered");
-    blocktest::Running r(s.text());
+    Running r(s.text());
     double T = 0.0;
     for (int i = 0; i < 8; ++i) {
         const double stepTime = T;
@@ -167,7 +161,7 @@ std::string incTimerParams(bool useStart, double start, bool byPort, bool loop) 
 }
 
 TEST(TimerBlocks, IncTimerMovesByKtTimesDt) {
-    blocktest::SchemeText s;
+    SchemeText s;
     const int plain = s.block("plain", "wBlockGo2doubleOntimerDescriptor", incTimerParams(true, 0, false, false));
     const int saw = s.block("saw", "wBlockGo2doubleOntimerDescriptor", incTimerParams(true, 0, false, true));
     const int fromTarget =
@@ -182,7 +176,7 @@ TEST(TimerBlocks, IncTimerMovesByKtTimesDt) {
         s.outputWire(name, LEAD_DOUBLE);
         s.wire(index, "output", kIO, name);
     }
-    blocktest::Running r(s.text());
+    Running r(s.text());
     wSimulationSystem& sys = *r.system;
     sys.setInput<double>("target", 1.0);
 
@@ -202,11 +196,11 @@ TEST(TimerBlocks, IncTimerMovesByKtTimesDt) {
     }
 
     // Activated by the port, then moving; a later false does not stop it.
-    blocktest::sendToInput<bool>(sys, "activate", true);
+    sendToInput<bool>(sys, "activate", true);
     sys.simulate(T);
     T += 0.25;
     EXPECT_EQ(sys.getOutput<double>("byPort"), 0.75);
-    blocktest::sendToInput<bool>(sys, "activate", false);
+    sendToInput<bool>(sys, "activate", false);
     sys.simulate(T);
     EXPECT_EQ(sys.getOutput<double>("byPort"), 1.0);
 
@@ -226,7 +220,7 @@ std::string flagParams(double checkDelay, double flagTimer, bool control, bool b
 }
 
 TEST(TimerBlocks, FlagTimerActivationAndTiming) {
-    blocktest::SchemeText s;
+    SchemeText s;
     // Defaults except the period and the hold time: activated by the port only.
     const int byPort = s.block("byPort", "wBlockFlagOnSignalTimerDescriptor", flagParams(1.0, 1.0, true, false, true));
     // Activated by the opposite of the control value, then timing the control value.
@@ -241,7 +235,7 @@ TEST(TimerBlocks, FlagTimerActivationAndTiming) {
         s.outputPort(std::string(name) + "_p", LEAD_BOOL);
         s.port(index, "timer_flag_p", kIO, std::string(name) + "_p");
     }
-    blocktest::Running r(s.text());
+    Running r(s.text());
     wSimulationSystem& sys = *r.system;
     PortRecorder<bool> recPort, recInverse;
     recPort.listen(sys, "byPort_p");
@@ -263,7 +257,7 @@ TEST(TimerBlocks, FlagTimerActivationAndTiming) {
 
     // A false at "activate" is ignored. Back on the control value, "inverse" raises its
     // flag after 1 s (two updates) and sends true once.
-    blocktest::sendToInput<bool>(sys, "activate", false);
+    sendToInput<bool>(sys, "activate", false);
     sys.setInput<bool>("signal", true);
     update();
     EXPECT_FALSE(sys.getOutput<bool>("inverse_flag"));
@@ -275,7 +269,7 @@ TEST(TimerBlocks, FlagTimerActivationAndTiming) {
     EXPECT_TRUE(recPort.take().empty());
 
     // A true at "activate" activates at once; the flag follows after 1 s of the signal.
-    blocktest::sendToInput<bool>(sys, "activate", true);
+    sendToInput<bool>(sys, "activate", true);
     update();
     EXPECT_FALSE(sys.getOutput<bool>("byPort_flag"));
     update();
@@ -295,7 +289,7 @@ TEST(TimerBlocks, FlagTimerActivationAndTiming) {
 
 // An IncTimer and a Flag timer (both with registered state) and a ramp (size 0).
 std::string stateScheme() {
-    blocktest::SchemeText s;
+    SchemeText s;
     const int inc = s.block("inc", "wBlockGo2doubleOntimerDescriptor",
                             param("dt", "0.25") + param("K_t", "0.3") + param("use_start_val", "true") +
                                 param("start_val", "0.1") + param("activate_by_port", "false") + param("loop", "true"));
@@ -319,14 +313,14 @@ std::string stateScheme() {
 }
 
 TEST(TimerBlocks, StateBlobContinuesBitIdentically) {
-    blocktest::Running r(stateScheme());
+    Running r(stateScheme());
     wSimulationSystem& sys = *r.system;
     sys.setInput<double>("target", 1.7);
     sys.setInput<bool>("signal", true);
     double T = 0.0;
     for (int i = 0; i < 6; ++i) T += sys.simulate(T);
     // Activated through the port, then three updates on the control value: 0.75 s held.
-    blocktest::sendToInput<bool>(sys, "activate", true);
+    sendToInput<bool>(sys, "activate", true);
     for (int i = 0; i < 3; ++i) T += sys.simulate(T);
     EXPECT_FALSE(sys.getOutput<bool>("flag"));
 
@@ -368,7 +362,7 @@ TEST(TimerBlocks, StateBlobContinuesBitIdentically) {
 }
 
 TEST(TimerBlocks, SaveAndReloadKeepsEverySetting) {
-    blocktest::SchemeText s;
+    SchemeText s;
     const int delay = s.block("delay", "wBlockDelayTriggerDescriptor",
                               param("dt", "0.125") + param("enabled", "true") + param("delay_time", "2.5"));
     s.block("multi", "wBlockDelayTriggerMultipleDescriptor", param("dt", "0.5") + param("delay_time", "{ 3, 1.5, 7 }"));
@@ -389,69 +383,15 @@ TEST(TimerBlocks, SaveAndReloadKeepsEverySetting) {
     s.port(kIO, "go", inc, "activate");
     s.port(delay, "timed_out", flag, "activate");
 
-    std::string saved, resaved;
-    auto scheme = blocktest::saveAndReload(s.text(), &saved, &resaved);
-    EXPECT_EQ(saved, resaved);
+    auto scheme = testutil::saveAndReload(s.text());
     EXPECT_EQ(scheme->getConnections().size(), 5u);
-
-    auto* d = dynamic_cast<wBlockDelayTriggerDescriptor*>(scheme->getBlockByName("delay"));
-    ASSERT_NE(d, nullptr);
-    EXPECT_EQ(d->dt.get(), 0.125);
-    EXPECT_TRUE(d->enabled.get());
-    EXPECT_EQ(d->delayTime.get(), 2.5);
-
-    auto* m = dynamic_cast<wBlockDelayTriggerMultipleDescriptor*>(scheme->getBlockByName("multi"));
-    ASSERT_NE(m, nullptr);
-    EXPECT_EQ(m->dt.get(), 0.5);
-    EXPECT_EQ(m->delayTimes.get(), (zo::vector<double>{3, 1.5, 7}));
-
-    auto* w = dynamic_cast<wBlockDelayTriggerWireDescriptor*>(scheme->getBlockByName("wire"));
-    ASSERT_NE(w, nullptr);
-    EXPECT_EQ(w->dt.get(), 0.25);
-    EXPECT_EQ(w->delayPar.get(), 4.5);
-
-    auto* g = dynamic_cast<wBlockGo2doubleOntimerDescriptor*>(scheme->getBlockByName("inc"));
-    ASSERT_NE(g, nullptr);
-    EXPECT_EQ(g->dt.get(), 0.2);
-    EXPECT_EQ(g->kT.get(), 3.0);
-    EXPECT_TRUE(g->useStartVal.get());
-    EXPECT_EQ(g->startVal.get(), -1.5);
-    EXPECT_TRUE(g->activateByPort.get());
-    EXPECT_TRUE(g->loop.get());
-
-    auto* f = dynamic_cast<wBlockFlagOnSignalTimerDescriptor*>(scheme->getBlockByName("flag"));
-    ASSERT_NE(f, nullptr);
-    EXPECT_EQ(f->dt.get(), 0.1);
-    EXPECT_EQ(f->activationCheckDelay.get(), 2.0);
-    EXPECT_EQ(f->flagTimer.get(), 5.0);
-    EXPECT_FALSE(f->controlSignal.get());
-    EXPECT_TRUE(f->activateByNotControlSignal.get());
-    EXPECT_FALSE(f->activateByPort.get());
-}
-
-TEST(TimerBlocks, ParametersListInOrderWithDefaults) {
-    wBlockFlagOnSignalTimerDescriptor f;
-    wParameterList fl = f.getParametersList();
-    std::vector<std::string> names;
-    for (const auto& p : fl) names.push_back(p.getName());
-    EXPECT_EQ(names, (std::vector<std::string>{"dt", "activation_check_delay", "flag_timer", "control_signal",
-                                               "activate_by_not_control_signal", "activate_by_port"}));
-    EXPECT_EQ(f.flagTimer.get(), 9999.0);
-    EXPECT_TRUE(f.activateByPort.get());
-
-    wBlockGo2doubleOntimerDescriptor g;
-    names.clear();
-    for (const auto& p : g.getParametersList()) names.push_back(p.getName());
-    EXPECT_EQ(names,
-              (std::vector<std::string>{"dt", "K_t", "use_start_val", "start_val", "activate_by_port", "loop"}));
-    EXPECT_EQ(g.kT.get(), 1.0);
-
-    // The delay list reports itself as a double parameter.
-    wBlockDelayTriggerMultipleDescriptor m;
-    wParameterList ml = m.getParametersList();
-    ASSERT_EQ(ml.size(), 2u);
-    EXPECT_EQ(ml[1].getName(), "delay_time");
-    EXPECT_EQ(ml[1].getProxy()->getType(), PARAM_DOUBLE);
+    EXPECT_EQ(testutil::parametersOf(*scheme, "delay"), "dt=0.125, enabled=1, delay_time=2.5");
+    EXPECT_EQ(testutil::parametersOf(*scheme, "multi"), "dt=0.5, delay_time=3 1.5 7");
+    EXPECT_EQ(testutil::parametersOf(*scheme, "wire"), "dt=0.25, delay_par=4.5");
+    EXPECT_EQ(testutil::parametersOf(*scheme, "inc"),
+              "dt=0.2, K_t=3, use_start_val=1, start_val=-1.5, activate_by_port=1, loop=1");
+    EXPECT_EQ(testutil::parametersOf(*scheme, "flag"), "dt=0.1, activation_check_delay=2, flag_timer=5, "
+                                                       "control_signal=0, activate_by_not_control_signal=1, activate_by_port=0");
 }
 
 }  // namespace

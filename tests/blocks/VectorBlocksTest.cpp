@@ -6,11 +6,12 @@
 #include <numbers>
 #include <string>
 
-#include "blocks/BlockTestUtil.h"
+#include "support/SchemeFiles.h"
 #include "vandrel/blocks/VectorBlocks.h"
-#include "vandrel/scheme/BlockFactory.h"
 
-using blocktest::kIO;
+using testutil::kIO;
+using testutil::Running;
+using testutil::SchemeText;
 
 namespace {
 
@@ -47,7 +48,7 @@ Rot3d ypr(double yaw, double pitch, double roll) {
 
 // Scheme: one "Vector modify" block named m between scheme input "v" and output "out".
 std::string modifyScheme(const std::string& parameters) {
-    blocktest::SchemeText s;
+    SchemeText s;
     const int m = s.block("m", "wVec3dModDescriptor", parameters);
     s.inputWire("v", LEAD_VECTOR);
     s.outputWire("out", LEAD_VECTOR);
@@ -59,7 +60,7 @@ std::string modifyScheme(const std::string& parameters) {
 }  // namespace
 
 TEST(VectorBlocks, ConversionsScalePerComponent) {
-    blocktest::SchemeText s;
+    SchemeText s;
     const int v2d = s.block("v2d", "wVec3dToDoubleDescriptor", mults("1", "-1", "2"));
     const int d2v = s.block("d2v", "wDoubleToVec3dDescriptor", mults("2", "3", "-4"));
     s.inputWire("vec", LEAD_VECTOR);
@@ -72,7 +73,7 @@ TEST(VectorBlocks, ConversionsScalePerComponent) {
     }
     s.outputWire("back", LEAD_VECTOR);
     s.wire(d2v, "vec", kIO, "back");
-    blocktest::Running r(s.text());
+    Running r(s.text());
     r.system->setInput<Vec3d>("vec", {1, 2, 3});
     r.system->simulate(0);
     EXPECT_EQ(r.system->getOutput<double>("x"), 1);
@@ -87,53 +88,8 @@ TEST(VectorBlocks, ConversionsScalePerComponent) {
     EXPECT_EQ(r.system->getOutput<Vec3d>("back").x, INFINITY);
 }
 
-TEST(VectorBlocks, FreshBlocksMultiplyByZero) {
-    // Built in memory from fresh descriptors: the defaults themselves, not a file's values.
-    wSimulationSystemScheme scheme;
-    auto* factory = wSimulationBlockFactory::instance();
-    auto add = [&](const char* type, const char* name) {
-        auto d = factory->generate(type);
-        d->setName(name);
-        return scheme.addBlock(std::move(d));
-    };
-    wSimulationBlockDescriptor* d2v = add("wDoubleToVec3dDescriptor", "d2v");
-    wSimulationBlockDescriptor* mod = add("wVec3dModDescriptor", "mod");
-    wSimulationBlockDescriptor* demux = add("wBlockVectorPickerDescriptor", "demux");
-    scheme.addIOLead(false, false, "x", LEAD_DOUBLE);
-    scheme.addIOLead(false, false, "v", LEAD_VECTOR);
-    scheme.addIOLead(true, false, "d2v", LEAD_VECTOR);
-    scheme.addIOLead(true, false, "mod", LEAD_VECTOR);
-    scheme.addIOLead(true, false, "demux", LEAD_DOUBLE);
-    auto* io = &scheme.getIOBlock();
-    for (const char* c : {"x", "y", "z"}) scheme.addConnection({io, d2v, "x", c, false});
-    scheme.addConnection({io, mod, "v", "vec", false});
-    scheme.addConnection({io, demux, "v", "input", false});
-    scheme.addConnection({d2v, io, "vec", "d2v", false});
-    scheme.addConnection({mod, io, "mvec", "mod", false});
-    scheme.addConnection({demux, io, "output", "demux", false});
-    scheme.analyse();
-    auto sys = scheme.instantiate();
-    sys->setInput<double>("x", 5);
-    sys->setInput<Vec3d>("v", {7, 8, 9});
-    sys->simulate(0);
-    EXPECT_EQ(sys->getOutput<Vec3d>("d2v"), (Vec3d{0, 0, 0}));
-    EXPECT_EQ(sys->getOutput<Vec3d>("mod"), (Vec3d{0, 0, 0}));
-    // Index 0 by default: x, with no multiplier.
-    EXPECT_EQ(sys->getOutput<double>("demux"), 7);
-
-    const wParameterList p = mod->getParametersList();
-    ASSERT_EQ(p.size(), 6u);
-    const char* const names[] = {"mult_x", "mult_y", "mult_z", "rotate_x", "rotate_y", "rotate_z"};
-    for (std::size_t i = 0; i < 6; ++i) {
-        EXPECT_EQ(p[i].getName(), names[i]);
-        EXPECT_EQ(p[i].getProxy()->getType(), PARAM_DOUBLE);
-        EXPECT_EQ(p[i].getProxy()->toString(), "0");
-        EXPECT_TRUE(p[i].getProxy()->isRequired());
-    }
-}
-
 TEST(VectorBlocks, DemuxPicksByIndexFixedAtCreation) {
-    blocktest::SchemeText s;
+    SchemeText s;
     const char* const indices[] = {"0", "1", "2", "7", "-1", "3"};
     s.inputWire("v", LEAD_VECTOR);
     for (int i = 0; i < 6; ++i) {
@@ -143,7 +99,7 @@ TEST(VectorBlocks, DemuxPicksByIndexFixedAtCreation) {
         s.outputWire(name, LEAD_DOUBLE);
         s.wire(b, "output", kIO, name);
     }
-    blocktest::Running r(s.text());
+    Running r(s.text());
     r.system->setInput<Vec3d>("v", {-1.5, 2.25, 3.125});
     r.system->simulate(0);
     EXPECT_EQ(r.system->getOutput<double>("pick0"), -1.5);
@@ -166,7 +122,7 @@ TEST(VectorBlocks, DemuxPicksByIndexFixedAtCreation) {
 TEST(VectorBlocks, VectorModifyRotatesThenScales) {
     {
         // Unit multipliers, no rotation: the input unchanged.
-        blocktest::Running r(modifyScheme(mults("1", "1", "1") +
+        Running r(modifyScheme(mults("1", "1", "1") +
                                           params({{"rotate_x", "0"}, {"rotate_y", "0"}, {"rotate_z", "0"}})));
         r.system->setInput<Vec3d>("v", {1.5, -2, 1e-300});
         r.system->simulate(0);
@@ -174,7 +130,7 @@ TEST(VectorBlocks, VectorModifyRotatesThenScales) {
     }
     {
         // A quarter turn about Z takes x to y; scaling comes after the rotation.
-        blocktest::Running r(modifyScheme(mults("1", "2", "3") +
+        Running r(modifyScheme(mults("1", "2", "3") +
                                           params({{"rotate_x", "0"}, {"rotate_y", "0"}, {"rotate_z", "math.pi / 2"}})));
         r.system->setInput<Vec3d>("v", {1, 0, 0});
         r.system->simulate(0);
@@ -185,7 +141,7 @@ TEST(VectorBlocks, VectorModifyRotatesThenScales) {
     }
     {
         // About X first, then Z: y goes to z (and Z leaves it), x goes to y.
-        blocktest::Running r(modifyScheme(mults("1", "1", "1") + params({{"rotate_x", "math.pi / 2"},
+        Running r(modifyScheme(mults("1", "1", "1") + params({{"rotate_x", "math.pi / 2"},
                                                                           {"rotate_y", "0"},
                                                                           {"rotate_z", "math.pi / 2"}})));
         r.system->setInput<Vec3d>("v", {0, 1, 0});
@@ -197,7 +153,7 @@ TEST(VectorBlocks, VectorModifyRotatesThenScales) {
     }
     {
         // A half turn about Y on its own.
-        blocktest::Running r(modifyScheme(mults("1", "1", "1") +
+        Running r(modifyScheme(mults("1", "1", "1") +
                                           params({{"rotate_x", "0"}, {"rotate_y", "math.pi"}, {"rotate_z", "0"}})));
         r.system->setInput<Vec3d>("v", {1, 2, 3});
         r.system->simulate(0);
@@ -206,7 +162,7 @@ TEST(VectorBlocks, VectorModifyRotatesThenScales) {
 }
 
 TEST(VectorBlocks, RotatorAddsToTheRollAndWrapsOnce) {
-    blocktest::SchemeText s;
+    SchemeText s;
     const int rot = s.block("rot", "wRotatorBlockDescriptor",
                             params({{"rotate_x", "false"}, {"rotate_y", "false"}, {"rotate_z", "false"}}));
     // The flags have no effect.
@@ -222,7 +178,7 @@ TEST(VectorBlocks, RotatorAddsToTheRollAndWrapsOnce) {
     }
     s.wire(rot, "out", kIO, "out");
     s.wire(flagged, "out", kIO, "out2");
-    blocktest::Running r(s.text());
+    Running r(s.text());
     wSimulationSystem& sys = *r.system;
 
     // 3.0 + 0.5 passes pi and comes back as 3.5 - 2 pi. Which of q and -q comes out
@@ -255,7 +211,7 @@ TEST(VectorBlocks, RotatorAddsToTheRollAndWrapsOnce) {
 }
 
 TEST(VectorBlocks, SaveAndReload) {
-    blocktest::SchemeText s;
+    SchemeText s;
     s.block("d2v", "wDoubleToVec3dDescriptor", mults("1.5", "-2", "1e-9"));
     s.block("v2d", "wVec3dToDoubleDescriptor", mults("0.1", "0.2", "0.3"));
     s.block("demux", "wBlockVectorPickerDescriptor", params({{"index", "2"}}));
@@ -263,30 +219,13 @@ TEST(VectorBlocks, SaveAndReload) {
             mults("3", "4", "5") + params({{"rotate_x", "0.25"}, {"rotate_y", "-1"}, {"rotate_z", "math.pi"}}));
     s.block("rot", "wRotatorBlockDescriptor",
             params({{"rotate_x", "true"}, {"rotate_y", "false"}, {"rotate_z", "true"}}));
-    const auto [first, second] = blocktest::saveTwice(s.text());
-    EXPECT_EQ(first, second);
-
-    auto scheme = blocktest::loadForEdit(second);
-    auto* d2v = dynamic_cast<wDoubleToVec3dDescriptor*>(scheme->getBlockByName("d2v"));
-    ASSERT_NE(d2v, nullptr);
-    EXPECT_EQ(d2v->multipliers(), (Vec3d{1.5, -2, 1e-9}));
-    auto* v2d = dynamic_cast<wVec3dToDoubleDescriptor*>(scheme->getBlockByName("v2d"));
-    ASSERT_NE(v2d, nullptr);
-    EXPECT_EQ(v2d->multipliers(), (Vec3d{0.1, 0.2, 0.3}));
-    auto* demux = dynamic_cast<wBlockVectorPickerDescriptor*>(scheme->getBlockByName("demux"));
-    ASSERT_NE(demux, nullptr);
-    EXPECT_EQ(demux->component(), 2);
+    auto scheme = testutil::saveAndReload(s.text());
+    EXPECT_EQ(testutil::parametersOf(*scheme, "d2v"), "mult_x=1.5, mult_y=-2, mult_z=1e-09");
+    EXPECT_EQ(testutil::parametersOf(*scheme, "v2d"), "mult_x=0.1, mult_y=0.2, mult_z=0.3");
+    EXPECT_EQ(testutil::parametersOf(*scheme, "demux"), "index=2");
+    EXPECT_EQ(testutil::parametersOf(*scheme, "rot"), "rotate_x=1, rotate_y=0, rotate_z=1");
     auto* mod = dynamic_cast<wVec3dModDescriptor*>(scheme->getBlockByName("mod"));
     ASSERT_NE(mod, nullptr);
     EXPECT_EQ(mod->mult_z.get(), 5);
-    EXPECT_EQ(mod->rotate_y.get(), -1);
-    EXPECT_EQ(mod->rotate_z.get(), kPi);
-    auto* rot = dynamic_cast<wRotatorBlockDescriptor*>(scheme->getBlockByName("rot"));
-    ASSERT_NE(rot, nullptr);
-    EXPECT_TRUE(rot->rotate_x.get());
-    EXPECT_FALSE(rot->rotate_y.get());
-    EXPECT_TRUE(rot->rotate_z.get());
-    EXPECT_EQ(rot->getBlockTypeName(), "Rotate Rot3d");
-    EXPECT_EQ(rot->getInputWires()[0], (wLeadDescription{"rot", LEAD_QUATERNION}));
-    EXPECT_EQ(rot->getInputWires()[1], (wLeadDescription{"angle", LEAD_DOUBLE}));
+    EXPECT_EQ(mod->rotate_z.get(), kPi);  // bit-exact through the file
 }

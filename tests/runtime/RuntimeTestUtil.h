@@ -8,11 +8,6 @@
 //     auto sys = b.run();
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 
@@ -82,41 +77,6 @@ inline int traced(const std::string& entry) {
     int n = 0;
     for (const auto& e : testblocks::trace()) n += e == entry ? 1 : 0;
     return n;
-}
-
-// A scheme file written from `text` into a fresh temporary directory, loaded for running.
-struct Loaded {
-    explicit Loaded(const std::string& text) {
-        static std::atomic<int> counter{0};
-        dir = std::filesystem::path(testing::TempDir()) /
-              ("vandrel_runtime_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
-        std::filesystem::remove_all(dir);
-        std::filesystem::create_directories(dir);
-        const auto file = dir / "scheme.lua";
-        std::ofstream(file) << text;
-        scheme.loadForRuntime(file.string());
-    }
-    ~Loaded() {
-        std::error_code ignored;
-        std::filesystem::remove_all(dir, ignored);
-    }
-    Loaded(const Loaded&) = delete;
-    Loaded& operator=(const Loaded&) = delete;
-
-    std::filesystem::path dir;
-    Scheme scheme;
-};
-
-// The message of the exception that `f` throws as E; fails the test when none is thrown.
-template <class E = std::exception, class F>
-std::string messageOf(F&& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.what();
-    }
-    ADD_FAILURE() << "no exception thrown";
-    return {};
 }
 
 }  // namespace rt

@@ -7,67 +7,55 @@
 #include <vector>
 
 #include "runtime/RuntimeTestUtil.h"
+#include "support/SchemeFiles.h"
 
 namespace {
 
+using testutil::kIO;
+
 // u -> gain (k = 2) -> integrator -> sampler (every 0.25 s) -> y; the state is also an
 // output, and the port "rst" resets it from x0 through the special-commands block.
-// In "io" the I/O block's output leads are the scheme's inputs and its input leads the
-// scheme's outputs.
-const char* const kIntegratingScheme = R"(
-simulation_scheme = {
-  blocks = {
-    { __name = "g", __type = "TestGain", __parameters = { k = { value = 2 } } },
-    { __name = "i", __type = "TestIntegrator", __parameters = { } },
-    { __name = "s", __type = "TestSampler", __parameters = { dt = { value = 0.25 } } },
-  },
-  solver = { __type = "wSolverExplEulerDescriptor", H = 0.1 },
-  io = {
-    inputWires = { { name = "y", type = 2 }, { name = "x", type = 2 } },
-    inputPorts = { },
-    outputWires = { { name = "u", type = 2 }, { name = "x0", type = 2 } },
-    outputPorts = { { name = "rst", type = 1 } },
-  },
-  connections = {
-    { output_block = -666, output_lead = "u", input_block = 0, input_lead = "in", port = false },
-    { output_block = 0, output_lead = "out", input_block = 1, input_lead = "in", port = false },
-    { output_block = -666, output_lead = "x0", input_block = 1, input_lead = "x.initial", port = false },
-    { output_block = 1, output_lead = "x", input_block = 2, input_lead = "in", port = false },
-    { output_block = 2, output_lead = "out", input_block = -666, input_lead = "y", port = false },
-    { output_block = 1, output_lead = "x", input_block = -666, input_lead = "x", port = false },
-    { output_block = -666, output_lead = "rst", input_block = -665, input_lead = "reset_diff_state", port = true },
-  },
+std::string integratingScheme() {
+    testutil::SchemeText s;
+    const int g = s.block("g", "TestGain", "k = { value = 2 }");
+    const int i = s.block("i", "TestIntegrator");
+    const int smp = s.block("s", "TestSampler", "dt = { value = 0.25 }");
+    s.solver(R"(__type = "wSolverExplEulerDescriptor", H = 0.1)");
+    s.inputWire("u", LEAD_DOUBLE);
+    s.inputWire("x0", LEAD_DOUBLE);
+    s.inputPort("rst", LEAD_BOOL);
+    s.outputWire("y", LEAD_DOUBLE);
+    s.outputWire("x", LEAD_DOUBLE);
+    s.wire(kIO, "u", g, "in");
+    s.wire(g, "out", i, "in");
+    s.wire(kIO, "x0", i, "x.initial");
+    s.wire(i, "x", smp, "in");
+    s.wire(smp, "out", kIO, "y");
+    s.wire(i, "x", kIO, "x");
+    s.port(kIO, "rst", testutil::kCmds, "reset_diff_state");
+    return s.text();
 }
-)";
 
 // A counter and a sampler of u, both every 0.1 s.
-const char* const kDiscreteScheme = R"(
-simulation_scheme = {
-  blocks = {
-    { __name = "c", __type = "TestCounter", __parameters = { dt = { value = 0.1 } } },
-    { __name = "s", __type = "TestSampler", __parameters = { dt = { value = 0.1 } } },
-  },
-  io = {
-    inputWires = { { name = "n", type = 0 }, { name = "y", type = 2 } },
-    inputPorts = { },
-    outputWires = { { name = "u", type = 2 } },
-    outputPorts = { },
-  },
-  connections = {
-    { output_block = -666, output_lead = "u", input_block = 1, input_lead = "in", port = false },
-    { output_block = 0, output_lead = "count", input_block = -666, input_lead = "n", port = false },
-    { output_block = 1, output_lead = "out", input_block = -666, input_lead = "y", port = false },
-  },
+std::string discreteScheme() {
+    testutil::SchemeText s;
+    const int c = s.block("c", "TestCounter", "dt = { value = 0.1 }");
+    const int smp = s.block("s", "TestSampler", "dt = { value = 0.1 }");
+    s.inputWire("u", LEAD_DOUBLE);
+    s.outputWire("n", LEAD_INT);
+    s.outputWire("y", LEAD_DOUBLE);
+    s.wire(kIO, "u", smp, "in");
+    s.wire(c, "count", kIO, "n");
+    s.wire(smp, "out", kIO, "y");
+    return s.text();
 }
-)";
 
 }  // namespace
 
 TEST(RuntimeFile, ContinuousStateIsIntegratedToEachEventAndSampled) {
     testblocks::registerAll();
-    rt::Loaded file(kIntegratingScheme);
-    auto system = file.scheme.instantiate();
-    auto& sys = *system;
+    testutil::Running file(integratingScheme());
+    auto& sys = *file.system;
     const double u = 1.5;
     sys.setInput<double>("u", u);
 
@@ -91,7 +79,7 @@ TEST(RuntimeFile, ContinuousStateIsIntegratedToEachEventAndSampled) {
 
 TEST(RuntimeFile, RestoredStateContinuesBitForBit) {
     testblocks::registerAll();
-    rt::Loaded file(kDiscreteScheme);
+    testutil::Running file(discreteScheme());
 
     struct Out {
         int n;
@@ -104,7 +92,7 @@ TEST(RuntimeFile, RestoredStateContinuesBitForBit) {
         return Out{sys.getOutput<int>("n"), sys.getOutput<double>("y"), next};
     };
 
-    auto a = file.scheme.instantiate();
+    auto& a = file.system;
     double T = 0;
     int k = 0;
     for (; k < 7; ++k) T += step(*a, T, k).next;
@@ -121,8 +109,8 @@ TEST(RuntimeFile, RestoredStateContinuesBitForBit) {
     }
 
     // A second system from a second load, as after a restart of the host.
-    rt::Loaded again(kDiscreteScheme);
-    auto b = again.scheme.instantiate();
+    testutil::Running again(discreteScheme());
+    auto& b = again.system;
     b->setSchemeStateData(&blob);
     b->setSchemeQueueTime(queueTime);
     T = t1;

@@ -4,11 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <sstream>
 #include <utility>
 #include <vector>
 
 #include "runtime/RuntimeTestUtil.h"
+#include "support/SchemeFiles.h"
 #include "vandrel/runtime/SimulationLogger.h"
 
 using testblocks::CounterDescriptor;
@@ -365,12 +365,12 @@ TEST(RuntimeSystem, UnusedSchemePortsShareProcessWidePlaceholders) {
     EXPECT_EQ(idle, s2->getOutputPort("idle"));
 
     // Unknown names.
-    EXPECT_EQ(rt::messageOf([&] { s1->getInputPort("nope"); }), "No input port in scheme: nope");
-    EXPECT_EQ(rt::messageOf([&] { s1->getOutputPort("spare"); }), "No output port in scheme: spare");
+    EXPECT_EQ(testutil::messageOf([&] { s1->getInputPort("nope"); }), "No input port in scheme: nope");
+    EXPECT_EQ(testutil::messageOf([&] { s1->getOutputPort("spare"); }), "No output port in scheme: spare");
     EXPECT_EQ(s1->getInputPort("idle", false), nullptr);
     EXPECT_EQ(s1->getOutputPort("nope", false), nullptr);
-    EXPECT_EQ(rt::messageOf([&] { s1->getInputWireOffset("y"); }), "No input wire in scheme: y");
-    EXPECT_EQ(rt::messageOf([&] { s1->getOutputWireOffset("u"); }), "No output wire in scheme: u");
+    EXPECT_EQ(testutil::messageOf([&] { s1->getInputWireOffset("y"); }), "No input wire in scheme: y");
+    EXPECT_EQ(testutil::messageOf([&] { s1->getOutputWireOffset("u"); }), "No output wire in scheme: u");
 }
 
 TEST(RuntimeSystem, FailuresWhileBuildingPropagateAndFreeEverything) {
@@ -422,7 +422,7 @@ TEST(RuntimeSystem, FailuresWhileBuildingPropagateAndFreeEverything) {
         b.scheme.analyse();
         ASSERT_GT(b.scheme.getMemorySize(), 0) << c.expected;
         unsigned char* area = wSimulationSystem::allocateData(b.scheme.getMemorySize());
-        EXPECT_EQ(rt::messageOf([&] { b.scheme.instantiate(nullptr, area); }), c.expected);
+        EXPECT_EQ(testutil::messageOf([&] { b.scheme.instantiate(nullptr, area); }), c.expected);
     }
 }
 
@@ -486,7 +486,7 @@ TEST(RuntimeSystem, DiscreteBlockThatNeverAdvancesIsStopped) {
     keep->dt.set(1.0);
     c->dt.set(0.0);
     auto sys = b.run();
-    EXPECT_EQ(rt::messageOf<wSimulationException>([&] { sys->simulate(0.0); }),
+    EXPECT_EQ(testutil::messageOf<wSimulationException>([&] { sys->simulate(0.0); }),
               "Discrete block stuck keeps scheduling itself at t = 0 without advancing (returned delay 0)");
     // Gave up after a bounded number of steps.
     EXPECT_LT(testblocks::trace().size(), 1300u);
@@ -494,7 +494,7 @@ TEST(RuntimeSystem, DiscreteBlockThatNeverAdvancesIsStopped) {
     // Going back in time by a negative delay is caught the same way.
     c->dt.set(-0.25);
     sys->reset();
-    EXPECT_THAT(rt::messageOf<wSimulationException>([&] { sys->simulate(0.0); }),
+    EXPECT_THAT(testutil::messageOf<wSimulationException>([&] { sys->simulate(0.0); }),
                 HasSubstr("Discrete block stuck keeps scheduling itself at t = -"));
 
     // The system is still usable once the block behaves.
@@ -509,17 +509,11 @@ TEST(RuntimeSystem, TracesSimulateCallsOnlyAtLevelThree) {
     rt::Builder b;
     b.add<CounterDescriptor>("c");
     auto sys = b.run();
-    auto& log = wSimulationLogger::instance();
-    std::ostringstream out;
-    log.setStream(&out);
-    log.setLevel(2);
+    testutil::LogCapture below(2);
     sys->simulate(0.0);
-    EXPECT_EQ(out.str(), "");
-    log.setLevel(3);
-    log.setIndent(2);
+    EXPECT_EQ(below.text(), "");
+    testutil::LogCapture log(3);
+    wSimulationLogger::instance().setIndent(2);
     sys->simulate(0.25);
-    log.setLevel(0);
-    log.setIndent(0);
-    log.setStream(nullptr);
-    EXPECT_EQ(out.str(), "  simulate (0.25)\n  done simulate (0.25)\n");
+    EXPECT_EQ(log.text(), "  simulate (0.25)\n  done simulate (0.25)\n");
 }

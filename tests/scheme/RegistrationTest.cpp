@@ -81,10 +81,4 @@ TEST(Registration, KeysSpellTemplateArgumentsAsInFiles) {
     }
 }
 
-TEST(Registration, ExplicitEulerIsTheFirstSolverKind) {
-    const auto kinds = wOdeSolversFactory::instance()->getKeysDescriptions();
-    ASSERT_FALSE(kinds.empty());
-    EXPECT_EQ(kinds.front(), Pair("wSolverExplEulerDescriptor", "Explicit Euler"));
-}
-
 }  // namespace

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "scheme/SchemeTestUtil.h"
+#include "support/SchemeFiles.h"
 #include "vandrel/scheme/SimulationSystemScheme.h"
 
 namespace {
@@ -27,12 +28,7 @@ using List = zo::vector<int>;
 
 template <class F>
 std::string messageOf(F&& f) {
-    try {
-        f();
-    } catch (const wSimulationException& e) {
-        return e.what();
-    }
-    return "";
+    return testutil::messageOf<wSimulationException>(f);
 }
 
 int indexOf(const wSimulationSystemScheme& s, const std::string& name) {
@@ -398,7 +394,7 @@ TEST(SchemeLayout, RefusesUnassignedAndDirectLeads) {
         wSimulationSystemScheme s;
         add<GainDescriptor>(s, "g");
         EXPECT_EQ(messageOf([&] { s.analyse(); }), "Inconsistency in scheme: block \"g\" (TestGain) has unassigned input in.");
-        EXPECT_EQ(messageOf([&] { s.analyse(true); }), "");  // nested: no layout, no check
+        EXPECT_NO_THROW(s.analyse(true));  // nested: no layout, no check
     }
     {
         // The message names the scheme input at the output's index.

@@ -4,15 +4,14 @@
 #include <filesystem>
 #include <tuple>
 
-#include "blocks/BlockTestUtil.h"
 #include "scheme/SchemeTestUtil.h"
+#include "support/SchemeFiles.h"
 #include "vandrel/platform/LuaLoader.h"
 #include "vandrel/runtime/SolverExplEuler.h"
 #include "vandrel/scheme/SimulationSystemScheme.h"
 
 namespace {
 
-using schemetest::SchemeText;
 using schemetest::add;
 using schemetest::port;
 using schemetest::wire;
@@ -24,32 +23,28 @@ using testblocks::TriggerDescriptor;
 using testblocks::VecSourceDescriptor;
 using testing::HasSubstr;
 using testing::StartsWith;
+using testutil::kCmds;
+using testutil::kIO;
+using testutil::SchemeText;
 
-constexpr int kIO = SchemeText::kIO;
-constexpr int kCmds = SchemeText::kCmds;
 const char* const kSolver = R"(__type = "wSolverExplEulerDescriptor", H = 0.01)";
 
 class SchemeFile : public testing::Test {
 protected:
     void SetUp() override {
         testblocks::registerAll();
-        dir_ = blocktest::freshDir();
+        dir_ = testutil::freshDir();
     }
     std::string write(const std::string& name, const std::string& text) {
-        return blocktest::writeFile(dir_ / name, text);
+        return testutil::writeFile(dir_ / name, text);
     }
     std::string path(const std::string& name) const { return (dir_ / name).string(); }
 
-    // The message of a running load of `text` (empty when it loads).
+    // The message of a running load of `text`.
     std::string runtimeFailure(const std::string& text) {
         const std::string file = write("bad.lua", text);
         wSimulationSystemScheme s;
-        try {
-            s.loadForRuntime(file);
-        } catch (const wSimulationException& e) {
-            return e.what();
-        }
-        return "";
+        return testutil::messageOf<wSimulationException>([&] { s.loadForRuntime(file); });
     }
     std::string prefix() const { return "Error while loading " + path("bad.lua") + ": "; }
 
@@ -123,8 +118,8 @@ TEST_F(SchemeFile, SaveLoadSaveGivesTheSameBytes) {
     EXPECT_EQ(dynamic_cast<wSolverExplEulerDescriptor&>(*edited.getOdeSolverDescriptor()).getH(), 0.01);
 
     edited.save(second);
-    const std::string text = blocktest::readFile(first);
-    EXPECT_EQ(blocktest::readFile(second), text);
+    const std::string text = testutil::readFile(first);
+    EXPECT_EQ(testutil::readFile(second), text);
     // Top-level keys in their fixed order.
     const auto blocks = text.find("blocks"), solverKey = text.find("solver"), io = text.find("io ="),
                connections = text.find("connections");
@@ -135,12 +130,8 @@ TEST_F(SchemeFile, SaveLoadSaveGivesTheSameBytes) {
 
     // Running: the undefined sampler step must come from the overrides.
     wSimulationSystemScheme running;
-    try {
-        running.loadForRuntime(first);
-        ADD_FAILURE() << "loaded without a value for S.dt";
-    } catch (const wSimulationException& e) {
-        EXPECT_EQ(std::string(e.what()), "Error while loading " + first + ": Parameter not defined: S.dt");
-    }
+    EXPECT_EQ(testutil::messageOf([&] { running.loadForRuntime(first); }),
+              "Error while loading " + first + ": Parameter not defined: S.dt");
     Lua::Loader overrides;
     overrides.loadString("ov = { S = { dt = 0.2 } }", "overrides", "ov");
     running.loadForRuntime(first, &overrides);
@@ -165,7 +156,7 @@ TEST_F(SchemeFile, SolverIsReadOnlyWhenNeededForRunning) {
 
     SchemeText continuous;
     int i = continuous.block("i", "TestIntegrator");
-    continuous.schemeInputWire("x0", LEAD_DOUBLE);
+    continuous.inputWire("x0", LEAD_DOUBLE);
     continuous.wire(i, "x", i, "in");
     continuous.wire(kIO, "x0", i, "x.initial");
     EXPECT_THAT(runtimeFailure(continuous.text()), StartsWith(prefix()));
@@ -188,8 +179,8 @@ TEST_F(SchemeFile, ConnectionsReachTheBuiltInBlocks) {
     SchemeText text;
     int t = text.block("t", "TestTrigger");
     int u = text.block("u", "TestTrigger");
-    text.schemeInputPort("go", LEAD_BOOL);
-    text.schemeOutputPort("done", LEAD_BOOL);
+    text.inputPort("go", LEAD_BOOL);
+    text.outputPort("done", LEAD_BOOL);
     text.port(kIO, "go", t, "in");
     text.port(kIO, "go", u, "in");
     text.port(u, "out", t, "in");  // two ports into one input port are fine
@@ -218,7 +209,7 @@ TEST_F(SchemeFile, MalformedFilesNameTheFileAndTheFault) {
         SchemeText t;
         t.block("g", "TestGain", "k = { value = 1 }");
         t.block("c", "TestCounter", "dt = { value = 1 }");
-        t.schemeInputWire("v", LEAD_DOUBLE);
+        t.inputWire("v", LEAD_DOUBLE);
         return t;
     };
     auto withConnection = [&](const std::string& entry) {
@@ -252,7 +243,7 @@ TEST_F(SchemeFile, MalformedFilesNameTheFileAndTheFault) {
     EXPECT_EQ(runtimeFailure(twice.text()), prefix() + "Cannot connect -666.v -> 0.in: too many input connections");
 
     SchemeText leads = base();
-    leads.schemeInputWire("v", LEAD_INT);
+    leads.inputWire("v", LEAD_INT);
     EXPECT_EQ(runtimeFailure(leads.text()), prefix() + "Duplicate IO lead: v");
     std::string badType = base().text();
     badType.replace(badType.find("type = 2"), 8, "type = 7");
@@ -286,12 +277,7 @@ TEST_F(SchemeFile, MalformedFilesNameTheFileAndTheFault) {
 
     const std::string missing = path("missing.lua");
     wSimulationSystemScheme s;
-    try {
-        s.loadForRuntime(missing);
-        ADD_FAILURE() << "loaded a missing file";
-    } catch (const wSimulationException& e) {
-        EXPECT_THAT(e.what(), StartsWith("Error while loading " + missing + ": "));
-    }
+    EXPECT_THAT(testutil::messageOf([&] { s.loadForRuntime(missing); }), StartsWith("Error while loading " + missing + ": "));
     // A failed load leaves a usable scheme behind.
     SchemeText good = base();
     good.wire(kIO, "v", 0, "in");
@@ -304,7 +290,7 @@ TEST_F(SchemeFile, EditingLoadSkipsConnectionsItCannotMake) {
     int c = text.block("c", "TestCounter", "dt = { value = 1 }");
     int g = text.block("g", "TestGain", "k = { value = 1 }");
     int h = text.block("h", "TestGain", "k = {}");
-    text.schemeInputWire("v", LEAD_DOUBLE);
+    text.inputWire("v", LEAD_DOUBLE);
     text.wire(kIO, "v", g, "in");      // 0 fine
     text.wire(g, "out", 3, "in");      // 1 no block 3
     text.wire(g, "out", h, "in");      // 2 fine
@@ -317,7 +303,7 @@ TEST_F(SchemeFile, EditingLoadSkipsConnectionsItCannotMake) {
     wSimulationSystemScheme s;
     zo::vector<int> discarded{42};  // appended to, not replaced
     {
-        schemetest::LogCapture log(LOG_WARNINGS);
+        testutil::LogCapture log(LOG_WARNINGS);
         s.loadForEdit(file, discarded);
         EXPECT_EQ(log.text(),
                   "Discarding connection: invalid input block\n"
@@ -335,7 +321,7 @@ TEST_F(SchemeFile, EditingLoadSkipsConnectionsItCannotMake) {
     EXPECT_EQ(s.getMemorySize(), 0);
 
     // Below level 2 nothing is logged, but positions are still reported.
-    schemetest::LogCapture quiet(LOG_ERRORS);
+    testutil::LogCapture quiet(LOG_ERRORS);
     zo::vector<int> again;
     s.loadForEdit(file, again);
     EXPECT_EQ(quiet.text(), "");
@@ -347,12 +333,7 @@ TEST_F(SchemeFile, SaveFailureNamesTheFile) {
     wSimulationSystemScheme s;
     add<GainDescriptor>(s, "g");
     const std::string file = path("no/such/dir/out.lua");
-    try {
-        s.save(file);
-        ADD_FAILURE() << "saved into a missing directory";
-    } catch (const wSimulationException& e) {
-        EXPECT_THAT(e.what(), StartsWith("While serializing " + file + ": "));
-    }
+    EXPECT_THAT(testutil::messageOf([&] { s.save(file); }), StartsWith("While serializing " + file + ": "));
     // An empty scheme saves and loads back empty.
     wSimulationSystemScheme empty;
     const std::string emptyFile = path("empty.lua");
