@@ -29,14 +29,6 @@ const wLeadList& outputWireOf() {
     return l;
 }
 
-// The "name" of the loader's current table, or the loader's getString failure.
-zo::string readName(Lua::Loader* loader) {
-    zo::string name;
-    if (!loader->tryGetString("name", &name))
-        throw Lua::LoaderException(loader->formatPath("name") + " failed to Lua::Loader::getString");
-    return name;
-}
-
 zo::string numbered(const char* prefix, std::size_t i) { return zo::string(prefix) + std::to_string(i); }
 
 // in * c accumulated into acc. Integers wrap around on overflow, as the machine's
@@ -166,7 +158,7 @@ void wBlockSummatorDescriptor<T>::serialize(wBlockSerializer& s) {
     loader->beginSubtable("inputs");
     loader->beginArray();
     while (loader->nextArray()) {
-        zo::string name = readName(loader);
+        zo::string name = loader->getString("name");
         Coefficient c;
         if constexpr (std::is_same_v<Coefficient, int>) c = loader->getInt("coeff");
         else c = loader->getDouble("coeff");
@@ -217,13 +209,7 @@ void wBlockPairedInputsDescriptor<T, Second>::serialize(wBlockSerializer& s) {
     wSimulationBlockDescriptor::serialize(s);
     Lua::Loader* loader = s.getLoader();
     if (!s.isReading()) {
-        loader->createSubtable("inputs");
-        for (std::size_t i = 0; i < inputs_.size(); ++i) {
-            loader->createSubtable(static_cast<int>(i) + 1);
-            loader->setString("name", inputs_[i].name);
-            loader->endSubtable();
-        }
-        loader->endSubtable();
+        saveLeadNames(*loader, "inputs", inputs_);
         return;
     }
 
@@ -231,10 +217,10 @@ void wBlockPairedInputsDescriptor<T, Second>::serialize(wBlockSerializer& s) {
     loader->beginSubtable("inputs");
     loader->beginArray();
     while (loader->nextArray()) {
-        inputs_.push_back({readName(loader), wLeadTypeOf<T>::value});
+        inputs_.push_back({loader->getString("name"), wLeadTypeOf<T>::value});
         // No test for a further element: without one, this reads "name" of the array.
         loader->nextArray();
-        inputs_.push_back({readName(loader), Second});
+        inputs_.push_back({loader->getString("name"), Second});
     }
     loader->endSubtable();
 }

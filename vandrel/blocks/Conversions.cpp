@@ -170,10 +170,7 @@ void wBlockConstantsDescriptor::serialize(wBlockSerializer& s) {
             const eLeadType leadType = convertToWireType_(static_cast<eParameterType>(type));
             // No lead type 7 exists, so the conversion above never lets this through.
             if (static_cast<int>(leadType) == 7) throw wSimulationException("Invalid value type");
-            zo::string name;
-            if (!loader->tryGetString("name", &name))
-                throw Lua::LoaderException(loader->formatPath("name") + " failed to Lua::Loader::getString");
-            values_.push_back(createParameter(type, name));
+            values_.push_back(createParameter(type, loader->getString("name")));
         }
         loader->endSubtable();
     } else {

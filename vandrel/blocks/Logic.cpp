@@ -66,25 +66,14 @@ void wBlockLogicalMultiinputDescriptor::serialize(wBlockSerializer& s) {
     wSimulationBlockDescriptor::serialize(s);
     Lua::Loader* loader = s.getLoader();
     if (!s.isReading()) {
-        loader->createSubtable("inputs");
-        for (std::size_t i = 0; i < inputs_.size(); ++i) {
-            loader->createSubtable(static_cast<int>(i) + 1);
-            loader->setString("name", inputs_[i].name);
-            loader->endSubtable();
-        }
-        loader->endSubtable();
+        saveLeadNames(*loader, "inputs", inputs_);
         return;
     }
 
     inputs_.clear();
     loader->beginSubtable("inputs");
     loader->beginArray();
-    while (loader->nextArray()) {
-        zo::string name;
-        if (!loader->tryGetString("name", &name))
-            throw Lua::LoaderException(loader->formatPath("name") + " failed to Lua::Loader::getString");
-        inputs_.push_back({std::move(name), LEAD_BOOL});
-    }
+    while (loader->nextArray()) inputs_.push_back({loader->getString("name"), LEAD_BOOL});
     loader->endSubtable();
 }
 

@@ -95,10 +95,19 @@ void saveLeadList(Lua::Loader& loader, std::string_view key, const wLeadList& le
     loader.endSubtable();
 }
 
+void saveLeadNames(Lua::Loader& loader, std::string_view key, const wLeadList& leads) {
+    loader.createSubtable(key);
+    for (std::size_t i = 0; i < leads.size(); ++i) {
+        loader.createSubtable(static_cast<int>(i) + 1);
+        loader.setString("name", leads[i].name);
+        loader.endSubtable();
+    }
+    loader.endSubtable();
+}
+
 wLeadDescription loadLeadDescription(Lua::Loader& loader) {
     wLeadDescription lead;
-    if (!loader.tryGetString("name", &lead.name))
-        throw Lua::LoaderException(loader.formatPath("name") + " failed to Lua::Loader::getString");
+    lead.name = loader.getString("name");
     const int type = loader.getInt("type");
     if (!isValidLeadType(type))
         throw wSimulationException("Invalid lead type (" + lead.name + "): " + std::to_string(type));

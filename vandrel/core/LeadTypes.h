@@ -55,6 +55,9 @@ wLeadList loadLeadList(Lua::Loader& loader, std::string_view key);
 // One element of such an array: reads "name" and "type" of the loader's current table,
 // with the checks above (for readers that test each lead, e.g. for duplicates).
 wLeadDescription loadLeadDescription(Lua::Loader& loader);
+// Writes only the names, as an array of { name = "..." } under `key` (blocks whose lead
+// types follow from the block class).
+void saveLeadNames(Lua::Loader& loader, std::string_view key, const wLeadList& leads);
 
 class wInputPortBase;
 class wOutputPortBase;

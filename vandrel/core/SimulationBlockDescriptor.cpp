@@ -21,10 +21,7 @@ bool wSimulationBlockDescriptor::isOfType(weBlockType) const { return false; }
 void wSimulationBlockDescriptor::serialize(wBlockSerializer& s) {
     Lua::Loader* loader = s.getLoader();
     if (s.isReading()) {
-        zo::string name;
-        if (!loader->tryGetString("__name", &name))
-            throw Lua::LoaderException(loader->formatPath("__name") + " failed to Lua::Loader::getString");
-        name_ = std::move(name);
+        name_ = loader->getString("__name");
     } else {
         loader->setString("__name", name_);
         loader->setString("__type", getClassName());

@@ -5,24 +5,12 @@
 #include "vandrel/runtime/SimulationException.h"
 #include "vandrel/scheme/BlockFactory.h"
 
-namespace {
-
-// A string entry of the block's table that must be there ("__type", "__name").
-zo::string readRequiredString(const Lua::Loader& loader, std::string_view key) {
-    zo::string value;
-    if (!loader.tryGetString(key, &value))
-        throw Lua::LoaderException(loader.formatPath(key) + " failed to Lua::Loader::getString");
-    return value;
-}
-
-}  // namespace
-
 const zo::string& wBlockSerializer::getDirectory() { return getLoader()->getDirectory(); }
 
 // ---- Editor: faithful reading and writing
 
 std::unique_ptr<wSimulationBlockDescriptor> wEditorBlockSerializer::createBlock() {
-    const zo::string type = readRequiredString(*loader_, "__type");
+    const zo::string type = loader_->getString("__type");
     std::unique_ptr<wSimulationBlockDescriptor> descriptor = wSimulationBlockFactory::instance()->generate(type);
     // A half-read descriptor goes with the unique_ptr if this throws.
     descriptor->serialize(*this);
@@ -59,9 +47,9 @@ void wEditorBlockSerializer::endParameters() { loader_->endSubtable(); }
 // ---- Runtime: reading for a simulation, with overrides
 
 std::unique_ptr<wSimulationBlockDescriptor> wRuntimeBlockSerializer::createBlock() {
-    const zo::string type = readRequiredString(*loader_, "__type");
+    const zo::string type = loader_->getString("__type");
     std::unique_ptr<wSimulationBlockDescriptor> descriptor = wSimulationBlockFactory::instance()->generate(type);
-    const zo::string name = readRequiredString(*loader_, "__name");
+    const zo::string name = loader_->getString("__name");
 
     // Overrides apply through the block's own table of the overrides, if it has one.
     Lua::Loader* const saved = overrides_;

@@ -47,13 +47,6 @@ constexpr IOList kIOLists[] = {
     {"outputPorts", false, true},
 };
 
-zo::string requireString(const Lua::Loader& loader, std::string_view key) {
-    zo::string value;
-    if (!loader.tryGetString(key, &value))
-        throw Lua::LoaderException(loader.formatPath_(key) + " failed to Lua::Loader::getString");
-    return value;
-}
-
 // Input wires already fed by a wire connection of this load: an input wire reads exactly
 // one slot, so a second wire into it is refused.
 using WireTargets = std::set<std::pair<const wSimulationBlockDescriptor*, zo::string>>;
@@ -74,12 +67,12 @@ wSimulationSystemScheme::Connection readConnection(wSimulationSystemScheme& sche
     const bool isPort = loader.getBoolean("port");
 
     wSimulationBlockDescriptor* from = scheme.getBlockByIndex(outIndex);
-    zo::string outLead = requireString(loader, "output_lead");
+    zo::string outLead = loader.getString("output_lead");
     if (!from->hasLead(false, isPort, outLead))
         throw wSimulationException("Block " + std::to_string(outIndex) + " has no output " + outLead);
 
     wSimulationBlockDescriptor* to = scheme.getBlockByIndex(inIndex);
-    zo::string inLead = requireString(loader, "input_lead");
+    zo::string inLead = loader.getString("input_lead");
     if (!to->hasLead(true, isPort, inLead))
         throw wSimulationException("Block " + std::to_string(inIndex) + " has no input " + inLead);
 
@@ -103,7 +96,7 @@ void wSimulationSystemScheme::InputOutputBlock::load(Lua::Loader* loader) {
         loader->beginSubtable(io.key);
         loader->beginArray();
         while (loader->nextArray()) {
-            zo::string name = requireString(*loader, "name");
+            zo::string name = loader->getString("name");
             if (hasLead(io.isInput, io.isPort, name)) throw wSimulationException("Duplicate IO lead: " + name);
             const int type = loader->getInt("type");
             if (!isValidLeadType(type))
