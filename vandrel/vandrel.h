@@ -40,3 +40,4 @@
 #include "vandrel/blocks/Oscilloscope.h"
 #include "vandrel/blocks/Timers.h"
 #include "vandrel/blocks/VectorBlocks.h"
+#include "vandrel/blocks/WireSerialization.h"

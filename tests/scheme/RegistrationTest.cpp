@@ -53,6 +53,9 @@ TEST(Registration, BlockClassesAreListedInRegistrationOrder) {
         {"wVec3dToDoubleDescriptor", "Vector to double"},
         {"wVec3dModDescriptor", "Vector modify"},
         {"wBlockVectorPickerDescriptor", "Demux"},
+        {"wBlockWireDeserializerDescriptor", "Deserializer"},
+        {"wBlockWireSerializerDescriptor", "Serializer"},
+        {"wBlockWireToPortDescriptor", "Wire to port"},
     };
     // Tests register classes of their own later; the library's come first.
     const auto listed = wSimulationBlockFactory::instance()->getKeysDescriptions();

@@ -410,9 +410,11 @@ double wSimulationSystem::simulate(double T) {
     const int stallLimit = 1000 + 100 * static_cast<int>(discrete_.size());
     double frontier = -std::numeric_limits<double>::infinity();
     int stalled = 0;
+    now_ = T;
     while (!queue_.empty() && queue_.front().time < T + kDueWindow) {
         const int d = queue_.front().discreteIndex;
         const double t = queue_.front().time;
+        now_ = t;
         updateDirty_(s.getStatelessBlocksOnInput(d), t);
         const double r = discrete_[static_cast<std::size_t>(d)]->step(t);
         setDirty_(s.getStatelessBlocksOnOutput(d));
@@ -438,6 +440,7 @@ double wSimulationSystem::simulate(double T) {
         if (queue_.empty()) N = advanceDifferential_(T, 0.0) + T;
         else advanceDifferential_(T, N - T);
     }
+    now_ = solver_ ? N : T;
     updateDirty_(s.getStatelessBlocksOnSchemeOutput(), N);
 
     if (log.enabled(3)) log << wSimulationLogger::Indenter() << "done simulate (" << T << ")" << std::endl;
@@ -451,6 +454,24 @@ void wSimulationSystem::throwStalled_(int discreteIndex, double t, double r) con
                                    ") at t = " + doubleToString(t));
     throw wSimulationException("Discrete block " + nameOf(d) + " keeps scheduling itself at t = " + doubleToString(t) +
                                " without advancing (returned delay " + doubleToString(r) + ")");
+}
+
+int wSimulationSystem::discreteIndexOf_(const wSimulationBlockDisc* block) const {
+    for (std::size_t d = 0; d < discrete_.size(); ++d)
+        if (discrete_[d] == block) return static_cast<int>(d);
+    throw wSimulationException("Block " + nameOf(block->getDescriptor()) + " is not a discrete block of this system");
+}
+
+void wSimulationSystem::updateInputsOf(const wSimulationBlockDisc* block) {
+    const int d = discreteIndexOf_(block);
+    // The host may have written scheme inputs since the last simulate, which is where
+    // they are normally taken as changed.
+    setDirty_(scheme_->getStatelessBlocksOnSchemeInput());
+    updateDirty_(scheme_->getStatelessBlocksOnInput(d), now_);
+}
+
+void wSimulationSystem::markOutputsOf(const wSimulationBlockDisc* block) {
+    setDirty_(scheme_->getStatelessBlocksOnOutput(discreteIndexOf_(block)));
 }
 
 double wSimulationSystem::advanceDifferential_(double T, double h) {

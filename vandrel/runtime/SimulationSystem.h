@@ -74,6 +74,18 @@ public:
     // Kept for interface compatibility; does nothing.
     void getInputData(zo::vector<unsigned char>* out) const;
 
+    // For discrete blocks that read or write wires when a port value arrives, outside
+    // their step (the wire serialization blocks): before reading its input wires a block
+    // has the stateless blocks that feed it brought up to date, and after writing its
+    // output wires it has the stateless blocks it feeds marked for re-evaluation, just as
+    // simulate does around a step. The block must be one of this system's.
+    void updateInputsOf(const wSimulationBlockDisc* block);
+    void markOutputsOf(const wSimulationBlockDisc* block);
+    // The scheme time the system last ran at: the event being stepped inside simulate,
+    // otherwise the time of the last simulate (the end of its integration when the scheme
+    // is continuous). 0 before the first call.
+    double getCurrentTime() const { return now_; }
+
     const wSimulationSystemScheme* getScheme() const { return scheme_; }
     int getBlockCount() const;
     wSimulationBlock* getBlock(int index) const { return blocks_[static_cast<std::size_t>(index)].get(); }
@@ -106,6 +118,8 @@ private:
     void release_() noexcept;
     // Throws when the same instant keeps being stepped (see simulate).
     [[noreturn]] void throwStalled_(int discreteIndex, double t, double r) const;
+    // Discrete index of one of our blocks; throws for a block of another system.
+    int discreteIndexOf_(const wSimulationBlockDisc* block) const;
 
     const wSimulationSystemScheme* scheme_;                 // not owned
     unsigned char* data_ = nullptr;                         // data area, getMemorySize() bytes
@@ -119,6 +133,7 @@ private:
     zo::vector<QueueEntry> queue_;                          // binary min-heap, capacity = discrete count
     bool ownsData_ = false;                                 // free data_ on destruction
     bool rhsFresh_ = false;  // the next calcDiffRhs is the first of an advance (see there)
+    double now_ = 0.0;       // see getCurrentTime
     // Typed views of blocks_ by kind, indexed by stateless / diff / discrete index.
     zo::vector<wSimulationBlockStateless*> stateless_;
     zo::vector<wSimulationBlockDiff*> diff_;

@@ -15,6 +15,7 @@
 #include "vandrel/blocks/Timers.h"
 #include "vandrel/blocks/Multiplexer.h"
 #include "vandrel/blocks/Oscilloscope.h"
+#include "vandrel/blocks/WireSerialization.h"
 
 namespace {
 
@@ -68,9 +69,9 @@ void registerBlockClasses(wSimulationBlockFactory& f) {
     f.registerClass<wVec3dToDoubleDescriptor>("Vector to double");
     f.registerClass<wVec3dModDescriptor>("Vector modify");
     f.registerClass<wBlockVectorPickerDescriptor>("Demux");
-    // (Deserializer, Serializer, Wire to port: "wBlockWireDeserializerDescriptor",
-    //  "wBlockWireSerializerDescriptor", "wBlockWireToPortDescriptor", come with the
-    //  wire serialization blocks)
+    f.registerClass<wBlockWireDeserializerDescriptor>("Deserializer");
+    f.registerClass<wBlockWireSerializerDescriptor>("Serializer");
+    f.registerClass<wBlockWireToPortDescriptor>("Wire to port");
 }
 
 // Runs when libvandrel is loaded, before any host code can reach the factories.
