@@ -15,9 +15,10 @@ simulation_scheme = {
       inputs = { { name = "room", coeff = 0.1 }, { name = "temperature", coeff = -0.1 } } },
     -- [2] the temperature itself
     { __name = "temperature", __type = "wBlockIntegratorDescriptor<double>", __parameters = {} },
-    -- [3] sends true once at t = 0: loads the temperature from "start"
+    -- [3] sends true once at t = 0: loads the temperature from "start". It steps every
+    --     0.1 s, so simulate asks to be called every 0.1 s: the rate of the messages.
     { __name = "init", __type = "wBlockDelayTriggerDescriptor",
-      __parameters = { dt = { value = 3600 }, enabled = { value = false }, delay_time = { value = 0 } } },
+      __parameters = { dt = { value = 0.1 }, enabled = { value = false }, delay_time = { value = 0 } } },
     -- [4], [5] hot = temperature - limit > 0
     { __name = "above", __type = "wBlockSummatorDescriptor<double>", __parameters = {},
       inputs = { { name = "temperature", coeff = 1 }, { name = "limit", coeff = -1 } } },
