@@ -8,10 +8,12 @@ class wSimulationSystemScheme;
 
 namespace host {
 
-// One plotted column of the table: its header and whether it is drawn as steps.
+// One plotted column of the table: its header, whether it is drawn as steps, and whether
+// it is a boolean (drawn in a strip of its own when other values share the plot).
 struct PlotColumn {
     std::string name;
     bool steps = false;
+    bool logic = false;
 };
 
 // The gnuplot terminal for a plot file, chosen by its extension (.png, .svg, .pdf);

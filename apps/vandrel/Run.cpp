@@ -246,7 +246,7 @@ int runCommand(const RunOptions& o) {
         std::vector<PlotColumn> plotted;
         const auto held = heldOutputs(*scheme);
         for (std::size_t i = 0; i < outputs.size(); ++i)
-            for (const auto& c : columnNames(outputs[i])) plotted.push_back({c, held[i]});
+            for (const auto& c : columnNames(outputs[i])) plotted.push_back({c, held[i], outputs[i].type == LEAD_BOOL});
         drawPlot(o.out.empty() ? plotData.string() : o.out, plotted, o.plot,
                  std::filesystem::path(o.scheme).stem().string());
     }

@@ -79,33 +79,40 @@ struct Point {
     double x, y;
 };
 
-// The points gnuplot's SVG draws for the series titled `name` (its key sample dropped).
-std::vector<Point> seriesPoints(const std::string& svg, const std::string& name) {
+// Where gnuplot's SVG starts the series titled `name`: its group, whose first text is
+// its key entry.
+std::size_t seriesAt(const std::string& svg, const std::string& name) {
+    for (auto g = svg.find("<g id=\"gnuplot_plot_"); g != std::string::npos; g = svg.find("<g id=\"gnuplot_plot_", g + 1))
+        if (svg.find("<text>", g) == svg.find("<text>" + name + "</text>", g)) return g;
+    return std::string::npos;
+}
+
+// The points a path draws, from `d='` at or after `from`, skipping the first `skip` subpaths.
+std::vector<Point> pathPoints(const std::string& svg, std::size_t from, int skip) {
     std::vector<Point> points;
-    const auto title = svg.find("<text>" + name + "</text>");
-    if (title == std::string::npos) return points;
-    const auto d = svg.find("d='", title);
-    const auto end = svg.find('\'', d + 3);
-    std::istringstream in(svg.substr(d + 3, end - d - 3));
+    const auto d = svg.find("d='", from);
+    if (d == std::string::npos) return points;
+    std::istringstream in(svg.substr(d + 3, svg.find('\'', d + 3) - d - 3));
     int moves = 0;
     for (std::string tok; in >> tok;) {
         if (tok[0] == 'M') ++moves;
-        if (moves < 2) continue;  // the first subpath is the sample line in the key
         Point p{};
-        if (std::sscanf(tok.c_str() + 1, "%lf,%lf", &p.x, &p.y) == 2) points.push_back(p);
+        if (moves > skip && std::sscanf(tok.c_str() + 1, "%lf,%lf", &p.x, &p.y) == 2) points.push_back(p);
     }
     return points;
 }
 
-// The top and bottom of the plot area: the closed border path.
-std::pair<double, double> plotArea(const std::string& svg) {
-    const auto z = svg.find(" Z ");
-    const auto d = svg.rfind("d='", z);
-    std::istringstream in(svg.substr(d + 3, z - d - 3));
+// The points drawn for the series titled `name` (the sample line of its key dropped).
+std::vector<Point> seriesPoints(const std::string& svg, const std::string& name) {
+    const auto at = seriesAt(svg, name);
+    return at == std::string::npos ? std::vector<Point>{} : pathPoints(svg, at, 1);
+}
+
+// The top and bottom of the panel the series `name` is drawn in: its closed border path.
+std::pair<double, double> panelOf(const std::string& svg, const std::string& name) {
+    const auto z = svg.rfind(" Z ", seriesAt(svg, name));
     double top = 1e9, bottom = -1e9;
-    for (std::string tok; in >> tok;) {
-        Point p{};
-        if (std::sscanf(tok.c_str() + 1, "%lf,%lf", &p.x, &p.y) != 2) continue;
+    for (const Point& p : pathPoints(svg, svg.rfind("d='", z), 0)) {
         top = std::min(top, p.y);
         bottom = std::max(bottom, p.y);
     }
@@ -195,10 +202,14 @@ TEST_F(Plot, HeldSignalsAreStepsInsideAPaddedRangeUnderTheSchemesName) {
     EXPECT_TRUE(std::any_of(on.begin() + 1, on.end(), [&](const Point& p) { return p.x == (&p - 1)->x; }))
         << "it rises along a vertical edge";
     EXPECT_TRUE(axisAligned(level)) << "a double from a discrete block is drawn as steps";
-    // The ramp's last value (4) is the top of the range: padded, it stays off the border.
-    const auto [top, bottom] = plotArea(svg);
-    ASSERT_LT(top, bottom);
+    // The ramp's last value (4) is the top of its range: padded, it stays off the border.
+    // The boolean has a strip of its own below.
+    const auto rampPanel = panelOf(svg, "ramp"), onPanel = panelOf(svg, "on");
+    EXPECT_EQ(panelOf(svg, "level"), rampPanel);
+    EXPECT_GT(onPanel.first, rampPanel.second) << "the boolean's strip is under the values";
     for (const auto* series : {&ramp, &on}) {
+        const auto [top, bottom] = series == &ramp ? rampPanel : onPanel;
+        ASSERT_LT(top, bottom);
         const auto highest = std::min_element(series->begin(), series->end(), [](Point a, Point b) { return a.y < b.y; });
         EXPECT_GT(highest->y - top, 0.02 * (bottom - top));
         const auto lowest = std::max_element(series->begin(), series->end(), [](Point a, Point b) { return a.y < b.y; });
