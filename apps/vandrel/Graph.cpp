@@ -24,12 +24,6 @@ std::string graphvizFormat(const std::string& file) {
                      "\" from its extension; use .svg, .png or .pdf to draw it, .dot or .gv for the dot text"};
 }
 
-// Trailing line breaks of a helper's message dropped, so it ends our line.
-std::string trimmed(std::string s) {
-    while (!s.empty() && (s.back() == '\n' || s.back() == '\r' || s.back() == ' ')) s.pop_back();
-    return s;
-}
-
 }  // namespace
 
 int graphCommand(const std::string& file, const std::string& out) {
@@ -60,7 +54,7 @@ int graphCommand(const std::string& file, const std::string& out) {
         throw std::runtime_error("Cannot draw " + out + ": " + r.output +
                                  " (Graphviz's dot program is needed: install the graphviz package,"
                                  " or write the dot text with -o FILE.dot)");
-    if (r.exitStatus != 0) throw std::runtime_error("Graphviz could not draw " + out + ": " + trimmed(r.output));
+    if (r.exitStatus != 0) throw std::runtime_error("Graphviz could not draw " + out + ": " + printable(r.output));
     return kExitOk;
 }
 

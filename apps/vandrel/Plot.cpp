@@ -51,6 +51,16 @@ std::string plotTerminal(const std::string& plotFile) {
     throw UsageError{"--plot: cannot tell the format of \"" + plotFile + "\" from its extension; use .png, .svg or .pdf"};
 }
 
+void checkPlotFile(const std::string& plotFile) {
+    plotTerminal(plotFile);
+    std::error_code ec;
+    const bool existed = std::filesystem::exists(plotFile, ec);
+    // Appending creates a missing file and keeps an existing one as it is.
+    if (!std::ofstream(plotFile, std::ios::app | std::ios::binary))
+        throw std::runtime_error("Cannot write the plot " + plotFile);
+    if (!existed) std::filesystem::remove(plotFile, ec);
+}
+
 std::vector<bool> heldOutputs(const wSimulationSystemScheme& scheme) {
     std::vector<bool> held;
     const auto& io = scheme.getIOBlock();
@@ -122,11 +132,7 @@ void drawPlot(const std::string& csvFile, const std::vector<PlotColumn>& columns
     const ProcessResult r = runProcess({"gnuplot"}, gp.str());
     if (!r.started)
         throw std::runtime_error("Cannot draw " + plotFile + ": " + r.output + " (install the gnuplot package)");
-    if (r.exitStatus != 0) {
-        std::string message = r.output;
-        while (!message.empty() && (message.back() == '\n' || message.back() == ' ')) message.pop_back();
-        throw std::runtime_error("gnuplot could not draw " + plotFile + ": " + message);
-    }
+    if (r.exitStatus != 0) throw std::runtime_error("gnuplot could not draw " + plotFile + ": " + printable(r.output));
 }
 
 void writeScopeRecordings(const wSimulationSystem& system, const std::string& dir, int precision) {

@@ -19,6 +19,9 @@ struct PlotColumn {
 // The gnuplot terminal for a plot file, chosen by its extension (.png, .svg, .pdf);
 // throws UsageError for any other, so that no file holds a format its name denies.
 std::string plotTerminal(const std::string& plotFile);
+// Refuses, before a run, a plot file whose format is unknown (UsageError) or that cannot be
+// written (std::runtime_error). Leaves no file behind that was not there.
+void checkPlotFile(const std::string& plotFile);
 
 // Whether each scheme output wire (in lead order) holds its value between events: booleans,
 // integers and ids always; other wires when no continuous block drives them, through

@@ -102,4 +102,15 @@ ProcessResult runProcess(const std::vector<std::string>& argv, std::string_view 
     return result;
 }
 
+std::string printable(std::string_view output) {
+    std::string text;
+    for (const char c : output) {
+        const auto u = static_cast<unsigned char>(c);
+        if (c == '\n' || c == '\t' || (u >= 0x20 && u != 0x7f)) text += c;
+        if (text.size() >= 2000) break;
+    }
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+    return text;
+}
+
 }  // namespace host

@@ -18,4 +18,9 @@ struct ProcessResult {
 // `started` is false and `output` says why.
 ProcessResult runProcess(const std::vector<std::string>& argv, std::string_view input);
 
+// A helper's output fit for a message: its text without control bytes that a terminal
+// would act on (an image written to standard output after an error), trailing line
+// breaks and anything past the first 2000 characters.
+std::string printable(std::string_view output);
+
 }  // namespace host

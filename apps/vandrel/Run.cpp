@@ -113,7 +113,7 @@ private:
 
 int runCommand(const RunOptions& o) {
     if (o.every < 0 || o.until < 0) throw UsageError{"--every and --until must not be negative"};
-    if (!o.plot.empty()) plotTerminal(o.plot);  // refuse an unknown plot format before running
+    if (!o.plot.empty()) checkPlotFile(o.plot);  // refuse a plot that cannot be drawn before running
     auto scheme = loadSchemeForRun(o.scheme, o.overrides);
     auto system = scheme->instantiate();
     unsigned char* data = system->getDataPtr();

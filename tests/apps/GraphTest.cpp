@@ -183,6 +183,11 @@ TEST_F(Graph, RendersWithGraphvizAndRefusesFormatsItCannotWrite) {
     for (const char* text : {">thermostat<", ">long_heating<", ">Flag cont. signal by timer<", ">special commands<",
                              ">timed_out → reset_diff_state<", ">temperature<"})
         EXPECT_NE(svg.find(text), std::string::npos) << text;
+    const std::string unwritable = (dir_ / "nodir" / "t.svg").string();
+    r = run("graph " + scheme + " -o " + unwritable);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err.rfind("vandrel: Graphviz could not draw " + unwritable + ": ", 0), 0u) << r.err;
+    EXPECT_NE(r.err.find("Could not open \"" + unwritable + "\" for writing"), std::string::npos) << r.err;
     r = run("graph " + scheme + " -o " + (dir_ / "t.png").string());
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(slurp(dir_ / "t.png").substr(0, 4), "\x89PNG");

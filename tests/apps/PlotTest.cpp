@@ -182,6 +182,11 @@ TEST_F(Plot, FormatComesFromTheExtensionOrIsRefused) {
         EXPECT_NE(r.err.find("use .png, .svg or .pdf"), std::string::npos) << r.err;
         EXPECT_FALSE(std::filesystem::exists(dir_ / file)) << file;
     }
+    // So is a plot that cannot be written.
+    const auto r = run("run " + scheme + " --until 4 -q --plot " + (dir_ / "nodir" / "p.png").string());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "vandrel: Cannot write the plot " + (dir_ / "nodir" / "p.png").string() + "\n");
 }
 
 TEST_F(Plot, HeldSignalsAreStepsInsideAPaddedRangeUnderTheSchemesName) {
