@@ -34,6 +34,16 @@ private:
     int fd_ = -1;
 };
 
+// A descriptor above the standard three: when this process runs with one of them closed,
+// a new socket or pipe may take its number, and the child's dup2 onto that very number
+// would keep the close-on-exec flag and lose it.
+int aboveStandard(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO) return fd;
+    const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    ::close(fd);
+    return moved;
+}
+
 ProcessResult failure(const std::string& program, int error) {
     ProcessResult r;
     r.output = "cannot run " + program + ": " + std::strerror(error);
@@ -49,10 +59,11 @@ ProcessResult runProcess(const std::vector<std::string>& argv, std::string_view 
     // killing this process with SIGPIPE.
     int sv[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) return failure(argv[0], errno);
-    Fd toChild(sv[0]), childIn(sv[1]);
+    Fd toChild(sv[0]), childIn(aboveStandard(sv[1]));
     int pp[2];
     if (::pipe2(pp, O_CLOEXEC) != 0) return failure(argv[0], errno);
-    Fd fromChild(pp[0]), childOut(pp[1]);
+    Fd fromChild(pp[0]), childOut(aboveStandard(pp[1]));
+    if (childIn.get() < 0 || childOut.get() < 0) return failure(argv[0], errno);
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <sstream>
@@ -153,6 +154,18 @@ TEST_F(Plot, PrecisionRoundsNumbersAndTheDefaultReadsBackExactly) {
     r = run("run " + scheme + " --until 0.3 --precision 3 -q");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "time,y\n0.1,0.0333\n0.2,0.0667\n0.3,0.1\n");
+    // Oscilloscope recordings follow the same option.
+    r = run("run " + example("projectile.lua") + " --until 1 --precision 3 -q --scope-dir " + dir_.string());
+    ASSERT_EQ(r.status, 0) << r.err;
+    const auto scope = lines(slurp(dir_ / "scope.csv"));
+    ASSERT_GE(scope.size(), 10u);
+    for (std::size_t n = 1; n < scope.size(); ++n)
+        for (const std::string& cell : cells(scope[n])) {
+            std::string digits;
+            for (char ch : cell.substr(0, cell.find('e')))
+                if (std::isdigit(static_cast<unsigned char>(ch)) && !(digits.empty() && ch == '0')) digits += ch;
+            EXPECT_LE(digits.size(), 3u) << cell;
+        }
     for (const char* bad : {"0", "18", "x"}) {
         r = run("run " + scheme + " --precision " + bad + " -q");
         EXPECT_EQ(r.status, 2) << bad;
