@@ -18,7 +18,7 @@ struct RunOptions {
     std::string inputs;              // CSV time series of scheme inputs
     std::string out;                 // CSV output file; empty: stdout
     std::string stateIn, stateOut;   // discrete state files
-    std::string plot;                // PNG or SVG file drawn with gnuplot
+    std::string plot;                // plot drawn with gnuplot (.png, .svg, .pdf)
     std::string scopeDir;            // directory for oscilloscope recordings
     bool quiet = false;              // no progress bar
     int precision = 0;               // significant digits of numbers; 0: shortest exact form

@@ -19,6 +19,7 @@
 #include <iostream>
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include "Commands.h"
 #include "HostIO.h"
@@ -66,6 +67,18 @@ StateFile readState(const std::string& file) {
     if (!in) throw std::runtime_error("Truncated state file: " + file);
     return s;
 }
+
+// A temporary file removed however the run ends (an unlinked file may still be open).
+struct ScratchFile {
+    explicit ScratchFile(std::filesystem::path f) : file(std::move(f)) {}
+    ScratchFile(const ScratchFile&) = delete;
+    ScratchFile& operator=(const ScratchFile&) = delete;
+    ~ScratchFile() {
+        std::error_code ignored;
+        if (!file.empty()) std::filesystem::remove(file, ignored);
+    }
+    std::filesystem::path file;
+};
 
 // Rows of the output table, to one or two streams (the plot needs a file).
 class TableWriter {
@@ -167,6 +180,7 @@ int runCommand(const RunOptions& o) {
         plotData = std::filesystem::temp_directory_path() / ("vandrel-plot-" + std::to_string(::getpid()) + ".csv");
         plotCopy.open(plotData);
     }
+    const ScratchFile scratch{plotData};
     TableWriter table(out, plotCopy.is_open() ? &plotCopy : nullptr);
     std::string header = "time";
     for (const auto& w : outputs)
@@ -235,14 +249,6 @@ int runCommand(const RunOptions& o) {
     writeScopeRecordings(*system, o.scopeDir, o.precision);
     if (!o.plot.empty()) {
         plotCopy.close();
-        // The scratch copy of the table goes whether or not gnuplot succeeds.
-        struct RemoveScratch {
-            std::filesystem::path file;
-            ~RemoveScratch() {
-                std::error_code ignored;
-                if (!file.empty()) std::filesystem::remove(file, ignored);
-            }
-        } scratch{plotData};
         std::vector<PlotColumn> plotted;
         const auto held = heldOutputs(*scheme);
         for (std::size_t i = 0; i < outputs.size(); ++i)
