@@ -84,7 +84,7 @@ void drawPlot(const std::string& csvFile, const std::vector<PlotColumn>& columns
     for (const PlotColumn& c : columns) logicCount += c.logic ? 1 : 0;
     const bool split = logicCount > 0 && logicCount < static_cast<int>(columns.size());
     // One plot command over the columns of one panel; each column keeps its own colour
-    // across panels. In the strip of booleans each has a lane of its own, the first on
+    // across panels. Where booleans are drawn on their own, each has a lane, the first on
     // top, high meaning true.
     auto plotCommand = [&](bool logic) {
         std::string cmd = "plot ";
@@ -92,7 +92,7 @@ void drawPlot(const std::string& csvFile, const std::vector<PlotColumn>& columns
         for (std::size_t i = 0; i < columns.size(); ++i) {
             if (split && columns[i].logic != logic) continue;
             const std::string column = std::to_string(i + 2);
-            const std::string y = split && logic ? "(" + std::to_string(--lane) + " + 0.8 * $" + column + ")" : column;
+            const std::string y = logic ? "(" + std::to_string(--lane) + " + 0.8 * $" + column + ")" : column;
             // Held values are valid from the previous row up to their own row.
             cmd += std::string(cmd.size() > 5 ? ", \\\n     '' " : quoted(csvFile) + " ") + "skip 1 using 1:" + y +
                    " with " + (columns[i].steps ? "fsteps" : "lines") + " linetype " + std::to_string(i + 1) +
@@ -109,24 +109,27 @@ void drawPlot(const std::string& csvFile, const std::vector<PlotColumn>& columns
        // below, so that a line along the top or bottom of the range is not hidden by
        // the border (a boolean at 1, a signal at its maximum).
        << "set autoscale xfix\nset autoscale yfix\nset offsets 0, 0, graph 0.05, graph 0.05\n";
+    std::string lanes = "set yrange [-0.15:" + std::to_string(logicCount) + " - 0.05]\nset ytics (";
+    int lane = logicCount;
+    for (const PlotColumn& c : columns) {
+        if (!c.logic) continue;
+        --lane;
+        lanes += std::string(lane == logicCount - 1 ? "" : ", ") + quoted(c.name) + " " + std::to_string(lane) + ".4";
+    }
+    lanes += ")\nunset grid\n";
     if (!split) {
-        gp << "set title " << quoted(title) << "\nset xlabel 'time (s)'\n" << plotCommand(logicCount > 0);
+        gp << "set title " << quoted(title) << "\nset xlabel 'time (s)'\n" << (logicCount > 0 ? lanes : "")
+           << plotCommand(logicCount > 0);
     } else {
         // Booleans get a strip under the other values, on the same time axis, rather than
         // flat lines at the foot of a tall range; it grows with their number.
         const double strip = std::min(0.12 + 0.06 * logicCount, 0.45);
-        std::string tics;
-        for (int k = 0, lane = logicCount; k < static_cast<int>(columns.size()); ++k)
-            if (columns[static_cast<std::size_t>(k)].logic)
-                tics += std::string(tics.empty() ? "" : ", ") + quoted(columns[static_cast<std::size_t>(k)].name) + " " +
-                        std::to_string(--lane) + ".4";
         gp << "set multiplot title " << quoted(title) << "\n"
            << "set lmargin at screen 0.10\nset rmargin at screen 0.80\n"
            << "set tmargin at screen 0.90\nset bmargin at screen " << 0.16 + strip << "\nset format x ''\n"
            << plotCommand(false) << "set tmargin at screen " << 0.10 + strip
            << "\nset bmargin at screen 0.10\nset format x '% h'\nset xlabel 'time (s)'\n"
-           << "set yrange [-0.15:" << logicCount << " - 0.05]\nset ytics (" << tics << ")\nunset grid\n"
-           << plotCommand(true) << "unset multiplot\n";
+           << lanes << plotCommand(true) << "unset multiplot\n";
     }
     gp << "set output\n";
     const ProcessResult r = runProcess({"gnuplot"}, gp.str());

@@ -235,6 +235,27 @@ TEST_F(Plot, HeldSignalsAreStepsInsideAPaddedRangeUnderTheSchemesName) {
     }
 }
 
+TEST_F(Plot, BooleansHaveLanesOfTheirOwn) {
+    testutil::SchemeText s;
+    const int on = s.block("on", "wBlockDelayTriggerWireDescriptor", "dt = { value = 0.5 }, delay_par = { value = 1 }");
+    const int off = s.block("off", "wBlockNOTDescriptor");
+    s.outputWire("on", LEAD_BOOL);
+    s.outputWire("off", LEAD_BOOL);
+    s.wire(on, "triggered", off, "input");
+    s.wire(on, "triggered", kIO, "on");
+    s.wire(off, "output", kIO, "off");
+    const auto svgFile = dir_ / "p.svg";
+    const auto r = run("run " + write("lanes.lua", s.text()).string() + " --until 3 -q --plot " + svgFile.string());
+    ASSERT_EQ(r.status, 0) << r.err;
+    const std::string svg = slurp(svgFile);
+    const auto a = seriesPoints(svg, "on"), b = seriesPoints(svg, "off");
+    ASSERT_FALSE(a.empty());
+    ASSERT_FALSE(b.empty());
+    const auto byY = [](Point p, Point q) { return p.y < q.y; };
+    // SVG y grows downwards: the first boolean's lane lies wholly above the second's.
+    EXPECT_LT(std::max_element(a.begin(), a.end(), byY)->y, std::min_element(b.begin(), b.end(), byY)->y);
+}
+
 TEST_F(Plot, GnuplotWarningsStayQuietAndAMissingGnuplotIsNamed) {
     // One constant output: gnuplot warns about the empty value range and copes.
     testutil::SchemeText s;
