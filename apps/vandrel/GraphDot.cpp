@@ -9,8 +9,9 @@
 namespace host {
 
 const wSimulationSystemScheme* subsystemScheme(const wSimulationBlockDescriptor& /*block*/) {
-    // Subsystem blocks hand out their nested scheme here once the block type is
-    // registered; until then every block is drawn as a single node.
+    // The one place that knows the subsystem block: once its type is in the library this
+    // returns the nested scheme of a block answering isOfType(BLOCK_SUBSYSTEM) (its
+    // getScheme()); until then every block is drawn as a single node.
     return nullptr;
 }
 
