@@ -8,6 +8,7 @@ packages=(
   liblua5.1-0-dev libboost-dev    # library dependencies
   libgtest-dev libbenchmark-dev   # tests and benchmarks
   libcli11-dev gnuplot-nox        # command-line host and its plots
+  graphviz                        # `vandrel graph` drawings
   python3                         # benchmark summary (bench/summary.py)
 )
 

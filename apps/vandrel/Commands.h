@@ -18,9 +18,10 @@ struct RunOptions {
     std::string inputs;              // CSV time series of scheme inputs
     std::string out;                 // CSV output file; empty: stdout
     std::string stateIn, stateOut;   // discrete state files
-    std::string plot;                // PNG or SVG file drawn with gnuplot
+    std::string plot;                // plot drawn with gnuplot (.png, .svg, .pdf)
     std::string scopeDir;            // directory for oscilloscope recordings
     bool quiet = false;              // no progress bar
+    int precision = 0;               // significant digits of numbers; 0: shortest exact form
 };
 
 int runCommand(const RunOptions& options);
@@ -30,6 +31,9 @@ int checkCommand(const std::string& scheme, const std::string& overrides);
 int blocksCommand(bool verbose);
 int fmtCommand(const std::string& scheme, const std::string& out, bool check);
 int dumpCommand(const std::string& scheme, const std::string& overrides);
+// Writes the scheme as Graphviz dot text to standard output, or to `out`: the text for
+// .dot and .gv, drawn by Graphviz for .svg, .png and .pdf.
+int graphCommand(const std::string& scheme, const std::string& out);
 
 // Exit statuses.
 inline constexpr int kExitOk = 0;

@@ -1,7 +1,9 @@
 #include "HostIO.h"
 
+#include <cctype>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -101,15 +103,28 @@ std::vector<std::string> columnNames(const WireSlot& w) {
     return names;
 }
 
-void appendValues(std::string& line, const unsigned char* data, const WireSlot& w) {
+std::string formatNumber(double v, int precision) {
+    if (precision <= 0) return doubleToString(v);
+    char buf[40];
+    std::snprintf(buf, sizeof buf, "%.*g", precision, v);
+    return buf;
+}
+
+std::string lowerExtension(const std::string& file) {
+    std::string ext = std::filesystem::path(file).extension().string();
+    for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return ext;
+}
+
+void appendValues(std::string& line, const unsigned char* data, const WireSlot& w, int precision) {
     switch (w.type) {
         case LEAD_INT: line += ',' + std::to_string(readWire<int>(data, w.offset)); break;
         case LEAD_BOOL: line += readWire<bool>(data, w.offset) ? ",1" : ",0"; break;
-        case LEAD_DOUBLE: line += ',' + doubleToString(readWire<double>(data, w.offset)); break;
+        case LEAD_DOUBLE: line += ',' + formatNumber(readWire<double>(data, w.offset), precision); break;
         case LEAD_VECTOR:
         case LEAD_QUATERNION:
             for (int i = 0; i < componentCount(w.type); ++i)
-                line += ',' + doubleToString(readWire<double>(data, w.offset + 8 * i));
+                line += ',' + formatNumber(readWire<double>(data, w.offset + 8 * i), precision);
             break;
         case LEAD_OBJECT_ID: line += ',' + std::to_string(readWire<unsigned>(data, w.offset)); break;
         case LEAD_OBJECT_PTR: break;

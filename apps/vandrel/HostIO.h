@@ -27,8 +27,14 @@ std::vector<WireSlot> schemeInputs(const wSimulationSystemScheme& scheme);
 // Column names of a wire: "u"; vectors "v.x", "v.y", "v.z"; quaternions add ".w".
 // Object-pointer wires have no columns.
 std::vector<std::string> columnNames(const WireSlot& w);
-// Appends ",value" per column (bools 0/1, doubles in shortest exact form).
-void appendValues(std::string& line, const unsigned char* data, const WireSlot& w);
+// A double as table text: with `precision` significant digits (1 to 17), or in the
+// shortest form that reads back to the same value when `precision` is 0.
+std::string formatNumber(double v, int precision);
+// Appends ",value" per column (bools 0/1, integers exact, doubles by formatNumber).
+void appendValues(std::string& line, const unsigned char* data, const WireSlot& w, int precision = 0);
+
+// The extension of a file name in lower case, with its dot (".svg"); empty when none.
+std::string lowerExtension(const std::string& file);
 
 // Parses a value for a wire of type `type` ("3", "2.5", "true", "1,2,3", "(1, 2, 3)",
 // "x,y,z,w") and writes it into the data area. Returns an error text, empty on success.

@@ -1,7 +1,20 @@
 #include "Plot.h"
 
-#include <cstdio>
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <stdexcept>
 #include <string>
+
+#include "Commands.h"
+#include "HostIO.h"
+#include "Process.h"
+#include "vandrel/blocks/Oscilloscope.h"
+#include "vandrel/runtime/SimulationSystem.h"
+#include "vandrel/core/SimulationBlockDescriptor.h"
+#include "vandrel/scheme/SimulationSystemScheme.h"
 
 namespace host {
 
@@ -14,41 +27,118 @@ std::string quoted(const std::string& s) {
     return q + "'";
 }
 
-bool endsWith(const std::string& s, const char* suffix) {
-    const std::string x(suffix);
-    return s.size() >= x.size() && s.compare(s.size() - x.size(), x.size(), x) == 0;
+// Whether the value on `lead` of `block` only changes at events: follows the wires back
+// through stateless blocks; a continuous block, or a subsystem that may hide one, makes
+// it continuous.
+bool heldSource(const wSimulationSystemScheme& scheme, const wSimulationBlockDescriptor* block,
+                std::set<const wSimulationBlockDescriptor*>& seen) {
+    if (block == &scheme.getIOBlock()) return true;  // scheme inputs hold between changes
+    if (block->isOfType(BLOCK_SUBSYSTEM) || block->isOfType(BLOCK_DIFF)) return false;
+    if (block->isOfType(BLOCK_DISCRETE)) return true;
+    if (!seen.insert(block).second) return true;
+    for (const auto& c : scheme.getConnections())
+        if (c.to == block && !c.isPort && !heldSource(scheme, c.from, seen)) return false;
+    return true;
 }
 
 }  // namespace
 
-bool drawPlot(const std::string& csvFile, int columns, const std::string& plotFile, const std::string& title) {
-    if (columns <= 0) return false;
-    std::FILE* gp = ::popen("gnuplot 2>&1", "w");
-    if (!gp) return false;
-    const bool svg = endsWith(plotFile, ".svg") || endsWith(plotFile, ".SVG");
-    std::fprintf(gp, "set terminal %s size 1000,600 noenhanced\n", svg ? "svg" : "pngcairo");
-    std::fprintf(gp, "set output %s\n", quoted(plotFile).c_str());
-    std::fprintf(gp, "set datafile separator ','\n");
-    std::fprintf(gp, "set title %s\n", quoted(title).c_str());
-    std::fprintf(gp, "set xlabel 'time (s)'\nset grid\nset key outside right top\n");
-    std::fprintf(gp, "plot for [i=2:%d] %s using 1:i with lines title columnhead(i)\n", columns + 1,
-                 quoted(csvFile).c_str());
-    std::fprintf(gp, "set output\n");
-    return ::pclose(gp) == 0;
+std::string plotTerminal(const std::string& plotFile) {
+    const std::string ext = lowerExtension(plotFile);
+    if (ext == ".png") return "pngcairo size 1000,600";
+    if (ext == ".svg") return "svg size 1000,600 dynamic";
+    if (ext == ".pdf") return "pdfcairo size 10in,6in";
+    throw UsageError{"--plot: cannot tell the format of \"" + plotFile + "\" from its extension; use .png, .svg or .pdf"};
 }
 
-}  // namespace host
+void checkPlotFile(const std::string& plotFile) {
+    plotTerminal(plotFile);
+    std::error_code ec;
+    const bool existed = std::filesystem::exists(plotFile, ec);
+    // Appending creates a missing file and keeps an existing one as it is.
+    if (!std::ofstream(plotFile, std::ios::app | std::ios::binary))
+        throw std::runtime_error("Cannot write the plot " + plotFile);
+    if (!existed) std::filesystem::remove(plotFile, ec);
+}
 
-#include <filesystem>
-#include <fstream>
+std::vector<bool> heldOutputs(const wSimulationSystemScheme& scheme) {
+    std::vector<bool> held;
+    const auto& io = scheme.getIOBlock();
+    for (const auto& lead : scheme.getIOLeads(true, false)) {
+        bool h = lead.type == LEAD_BOOL || lead.type == LEAD_INT || lead.type == LEAD_OBJECT_ID;
+        if (!h) {
+            h = true;
+            std::set<const wSimulationBlockDescriptor*> seen;
+            for (const auto& c : scheme.getConnections())
+                if (c.to == &io && !c.isPort && c.toLead == lead.name) h = h && heldSource(scheme, c.from, seen);
+        }
+        held.push_back(h);
+    }
+    return held;
+}
 
-#include "vandrel/blocks/Oscilloscope.h"
-#include "vandrel/core/BlockParameter.h"
-#include "vandrel/runtime/SimulationSystem.h"
+void drawPlot(const std::string& csvFile, const std::vector<PlotColumn>& columns, const std::string& plotFile,
+              const std::string& title) {
+    if (columns.empty()) throw std::runtime_error("Nothing to plot in " + plotFile + ": the scheme has no output wires");
+    int logicCount = 0;
+    for (const PlotColumn& c : columns) logicCount += c.logic ? 1 : 0;
+    const bool split = logicCount > 0 && logicCount < static_cast<int>(columns.size());
+    // One plot command over the columns of one panel; each column keeps its own colour
+    // across panels. Where booleans are drawn on their own, each has a lane, the first on
+    // top, high meaning true.
+    auto plotCommand = [&](bool logic) {
+        std::string cmd = "plot ";
+        int lane = logicCount;
+        for (std::size_t i = 0; i < columns.size(); ++i) {
+            if (split && columns[i].logic != logic) continue;
+            const std::string column = std::to_string(i + 2);
+            const std::string y = logic ? "(" + std::to_string(--lane) + " + 0.8 * $" + column + ")" : column;
+            // Held values are valid from the previous row up to their own row.
+            cmd += std::string(cmd.size() > 5 ? ", \\\n     '' " : quoted(csvFile) + " ") + "skip 1 using 1:" + y +
+                   " with " + (columns[i].steps ? "fsteps" : "lines") + " linetype " + std::to_string(i + 1) +
+                   " title " + quoted(columns[i].name);
+        }
+        return cmd + "\n";
+    };
+    std::ostringstream gp;
+    gp << "set terminal " << plotTerminal(plotFile) << " noenhanced\n"
+       << "set output " << quoted(plotFile) << "\n"
+       << "set datafile separator ','\n"
+       << "set grid\nset key outside right top\n"
+       // The time axis spans the run exactly; the value axis gets a margin above and
+       // below, so that a line along the top or bottom of the range is not hidden by
+       // the border (a boolean at 1, a signal at its maximum).
+       << "set autoscale xfix\nset autoscale yfix\nset offsets 0, 0, graph 0.05, graph 0.05\n";
+    std::string lanes = "set yrange [-0.15:" + std::to_string(logicCount) + " - 0.05]\nset ytics (";
+    int lane = logicCount;
+    for (const PlotColumn& c : columns) {
+        if (!c.logic) continue;
+        --lane;
+        lanes += std::string(lane == logicCount - 1 ? "" : ", ") + quoted(c.name) + " " + std::to_string(lane) + ".4";
+    }
+    lanes += ")\nunset grid\n";
+    if (!split) {
+        gp << "set title " << quoted(title) << "\nset xlabel 'time (s)'\n" << (logicCount > 0 ? lanes : "")
+           << plotCommand(logicCount > 0);
+    } else {
+        // Booleans get a strip under the other values, on the same time axis, rather than
+        // flat lines at the foot of a tall range; it grows with their number.
+        const double strip = std::min(0.12 + 0.06 * logicCount, 0.45);
+        gp << "set multiplot title " << quoted(title) << "\n"
+           << "set lmargin at screen 0.10\nset rmargin at screen 0.80\n"
+           << "set tmargin at screen 0.90\nset bmargin at screen " << 0.16 + strip << "\nset format x ''\n"
+           << plotCommand(false) << "set tmargin at screen " << 0.10 + strip
+           << "\nset bmargin at screen 0.10\nset format x '% h'\nset xlabel 'time (s)'\n"
+           << lanes << plotCommand(true) << "unset multiplot\n";
+    }
+    gp << "set output\n";
+    const ProcessResult r = runProcess({"gnuplot"}, gp.str());
+    if (!r.started)
+        throw std::runtime_error("Cannot draw " + plotFile + ": " + r.output + " (install the gnuplot package)");
+    if (r.exitStatus != 0) throw std::runtime_error("gnuplot could not draw " + plotFile + ": " + printable(r.output));
+}
 
-namespace host {
-
-void writeScopeRecordings(const wSimulationSystem& system, const std::string& dir) {
+void writeScopeRecordings(const wSimulationSystem& system, const std::string& dir, int precision) {
     if (dir.empty()) return;
     std::filesystem::create_directories(dir);
     for (int i = 0; i < system.getBlockCount(); ++i) {
@@ -62,7 +152,7 @@ void writeScopeRecordings(const wSimulationSystem& system, const std::string& di
         out << '\n';
         for (int s = 0; s < scope->sampleCount(); ++s) {
             const double* row = scope->sample(s);
-            for (int c = 0; c < scope->width(); ++c) out << (c ? "," : "") << doubleToString(row[c]);
+            for (int c = 0; c < scope->width(); ++c) out << (c ? "," : "") << formatNumber(row[c], precision);
             out << '\n';
         }
     }

@@ -1,17 +1,41 @@
 #pragma once
 // Output files beside the CSV table: plots drawn by gnuplot and oscilloscope recordings.
 #include <string>
+#include <vector>
 
 class wSimulationSystem;
+class wSimulationSystemScheme;
 
 namespace host {
 
-// Draws every column of a CSV table (first column: time) against time into `plotFile`
-// (.svg gives SVG, anything else PNG). False when gnuplot is missing or fails.
-bool drawPlot(const std::string& csvFile, int columns, const std::string& plotFile, const std::string& title);
+// One plotted column of the table: its header, whether it is drawn as steps, and whether
+// it is a boolean (drawn in a strip of its own when other values share the plot).
+struct PlotColumn {
+    std::string name;
+    bool steps = false;
+    bool logic = false;
+};
+
+// The gnuplot terminal for a plot file, chosen by its extension (.png, .svg, .pdf);
+// throws UsageError for any other, so that no file holds a format its name denies.
+std::string plotTerminal(const std::string& plotFile);
+// Refuses, before a run, a plot file whose format is unknown (UsageError) or that cannot be
+// written (std::runtime_error). Leaves no file behind that was not there.
+void checkPlotFile(const std::string& plotFile);
+
+// Whether each scheme output wire (in lead order) holds its value between events: booleans,
+// integers and ids always; other wires when no continuous block drives them, through
+// stateless blocks, so that only discrete blocks, constants and scheme inputs do.
+std::vector<bool> heldOutputs(const wSimulationSystemScheme& scheme);
+
+// Draws `columns` of a CSV table (first column: time in seconds, then one per entry of
+// `columns`) against time into `plotFile`, held signals as steps. Throws with gnuplot's
+// message when it is missing or fails; its warnings are not shown.
+void drawPlot(const std::string& csvFile, const std::vector<PlotColumn>& columns, const std::string& plotFile,
+              const std::string& title);
 
 // Writes each oscilloscope block's recording to dir/<block name>.csv (nothing when
-// `dir` is empty). Creates the directory when needed.
-void writeScopeRecordings(const wSimulationSystem& system, const std::string& dir);
+// `dir` is empty), numbers as formatNumber writes them. Creates the directory when needed.
+void writeScopeRecordings(const wSimulationSystem& system, const std::string& dir, int precision = 0);
 
 }  // namespace host

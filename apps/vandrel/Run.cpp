@@ -19,6 +19,7 @@
 #include <iostream>
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include "Commands.h"
 #include "HostIO.h"
@@ -67,6 +68,18 @@ StateFile readState(const std::string& file) {
     return s;
 }
 
+// A temporary file removed however the run ends (an unlinked file may still be open).
+struct ScratchFile {
+    explicit ScratchFile(std::filesystem::path f) : file(std::move(f)) {}
+    ScratchFile(const ScratchFile&) = delete;
+    ScratchFile& operator=(const ScratchFile&) = delete;
+    ~ScratchFile() {
+        std::error_code ignored;
+        if (!file.empty()) std::filesystem::remove(file, ignored);
+    }
+    std::filesystem::path file;
+};
+
 // Rows of the output table, to one or two streams (the plot needs a file).
 class TableWriter {
 public:
@@ -113,6 +126,7 @@ private:
 
 int runCommand(const RunOptions& o) {
     if (o.every < 0 || o.until < 0) throw UsageError{"--every and --until must not be negative"};
+    if (!o.plot.empty()) checkPlotFile(o.plot);  // refuse a plot that cannot be drawn before running
     auto scheme = loadSchemeForRun(o.scheme, o.overrides);
     auto system = scheme->instantiate();
     unsigned char* data = system->getDataPtr();
@@ -166,14 +180,11 @@ int runCommand(const RunOptions& o) {
         plotData = std::filesystem::temp_directory_path() / ("vandrel-plot-" + std::to_string(::getpid()) + ".csv");
         plotCopy.open(plotData);
     }
+    const ScratchFile scratch{plotData};
     TableWriter table(out, plotCopy.is_open() ? &plotCopy : nullptr);
     std::string header = "time";
-    int columns = 0;
     for (const auto& w : outputs)
-        for (const auto& c : columnNames(w)) {
-            header += "," + c;
-            ++columns;
-        }
+        for (const auto& c : columnNames(w)) header += "," + c;
     table.line(header);
 
     // The run: snapshots at the times the system reaches, rows per snapshot or per sample.
@@ -184,7 +195,7 @@ int runCommand(const RunOptions& o) {
     auto sampleTime = [&](long long k) { return start + static_cast<double>(k) * o.every; };
     auto emitSamplesBefore = [&](double limit) {
         for (; sampleTime(sample) < limit - kTimeEps && sampleTime(sample) <= o.until + kTimeEps; ++sample)
-            if (lastTime >= 0) table.line(doubleToString(sampleTime(sample)) + last);
+            if (lastTime >= 0) table.line(formatNumber(sampleTime(sample), o.precision) + last);
     };
 
     Progress progress(!o.quiet && ::isatty(STDERR_FILENO), start, o.until);
@@ -194,11 +205,11 @@ int runCommand(const RunOptions& o) {
         const double r = system->simulate(t);
         reached = r >= 0 ? t + r : t;
         std::string values;
-        for (const auto& w : outputs) appendValues(values, data, w);
+        for (const auto& w : outputs) appendValues(values, data, w, o.precision);
         if (o.every > 0) {
             emitSamplesBefore(reached);
         } else if (reached <= o.until + kTimeEps) {
-            table.line(doubleToString(reached) + values);
+            table.line(formatNumber(reached, o.precision) + values);
         }
         last = std::move(values);
         lastTime = reached;
@@ -235,13 +246,15 @@ int runCommand(const RunOptions& o) {
             throw std::runtime_error("Scheme " + o.scheme + " has a discrete block without saveable state");
         writeState(o.stateOut, s);
     }
-    writeScopeRecordings(*system, o.scopeDir);
+    writeScopeRecordings(*system, o.scopeDir, o.precision);
     if (!o.plot.empty()) {
         plotCopy.close();
-        const std::string dataFile = o.out.empty() ? plotData.string() : o.out;
-        const bool ok = drawPlot(dataFile, columns, o.plot, o.scheme);
-        if (!plotData.empty()) std::filesystem::remove(plotData);
-        if (!ok) throw std::runtime_error("gnuplot could not draw " + o.plot);
+        std::vector<PlotColumn> plotted;
+        const auto held = heldOutputs(*scheme);
+        for (std::size_t i = 0; i < outputs.size(); ++i)
+            for (const auto& c : columnNames(outputs[i])) plotted.push_back({c, held[i], outputs[i].type == LEAD_BOOL});
+        drawPlot(o.out.empty() ? plotData.string() : o.out, plotted, o.plot,
+                 std::filesystem::path(o.scheme).stem().string());
     }
     return kExitOk;
 }

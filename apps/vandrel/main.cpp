@@ -24,7 +24,10 @@ int main(int argc, char** argv) {
     runCmd->add_option("--out,-o", run.out, "CSV output file (default: standard output)");
     runCmd->add_option("--state-in", run.stateIn, "Restore discrete state and time from this file");
     runCmd->add_option("--state-out", run.stateOut, "Save discrete state and time to this file at the end");
-    runCmd->add_option("--plot", run.plot, "Draw the outputs to a .png or .svg file with gnuplot");
+    runCmd->add_option("--plot", run.plot, "Draw the outputs with gnuplot; the extension gives the format: .png, .svg, .pdf");
+    runCmd->add_option("--precision", run.precision,
+                       "Significant digits of numbers (default: the shortest form that reads back exactly)")
+        ->check(CLI::Range(1, 17));
     runCmd->add_option("--scope-dir", run.scopeDir, "Write each oscilloscope block's recording to DIR/<block>.csv");
     runCmd->add_flag("--quiet,-q", run.quiet, "No progress bar");
 
@@ -46,6 +49,13 @@ int main(int argc, char** argv) {
     dumpCmd->add_option("scheme", scheme, "Scheme file")->required();
     dumpCmd->add_option("--overrides", overrides, "Lua file defining the table `overrides`");
 
+    std::string graphOut;
+    auto* graphCmd = app.add_subcommand("graph", "Write the scheme as a Graphviz diagram (dot text, or drawn by Graphviz)");
+    graphCmd->add_option("scheme", scheme, "Scheme file")->required();
+    graphCmd->add_option("-o,--out", graphOut,
+                         "Output file: .svg, .png or .pdf drawn by Graphviz, .dot or .gv for the text (default: "
+                         "dot text on standard output)");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -65,6 +75,7 @@ int main(int argc, char** argv) {
         if (*blocksCmd) return host::blocksCommand(verbose);
         if (*fmtCmd) return host::fmtCommand(scheme, out, checkOnly);
         if (*dumpCmd) return host::dumpCommand(scheme, overrides);
+        if (*graphCmd) return host::graphCommand(scheme, graphOut);
     } catch (const host::UsageError& e) {
         std::cerr << "vandrel: " << e.message << "\n";
         return host::kExitUsage;

@@ -2,72 +2,20 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include <sys/wait.h>
+#include "support/CliProcess.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using Result = testutil::CliResult;
+using testutil::slurp;
 
-#ifdef VANDREL_CLI
-const char* const kCli = VANDREL_CLI;
-#else
-const char* const kCli = nullptr;
-#endif
-
-struct Result {
-    int status = -1;
-    std::string out;  // standard output
-    std::string err;  // standard error
-};
-
-std::string slurp(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-class Cli : public testing::Test {
-protected:
-    void SetUp() override {
-        if (!kCli) GTEST_SKIP() << "the command-line host is not built";
-        dir_ = fs::path(testing::TempDir()) / ("vandrel-cli-" + std::to_string(::getpid()) + "-" +
-                                               testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::create_directories(dir_);
-    }
-    void TearDown() override {
-        if (!dir_.empty()) fs::remove_all(dir_);
-    }
-
-    Result run(const std::string& args) {
-        const fs::path err = dir_ / "stderr.txt";
-        const std::string cmd = std::string(kCli) + " " + args + " 2>" + err.string();
-        Result r;
-        std::FILE* p = ::popen(cmd.c_str(), "r");
-        char buf[4096];
-        std::size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-        const int status = ::pclose(p);
-        r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        r.err = slurp(err);
-        return r;
-    }
-    fs::path write(const std::string& name, const std::string& text) {
-        const fs::path p = dir_ / name;
-        std::ofstream(p) << text;
-        return p;
-    }
-    static std::string example(const char* name) { return std::string(VANDREL_EXAMPLES_DIR) + "/" + name; }
-
-    fs::path dir_;
-};
+class Cli : public testutil::CliProcess {};
 
 std::vector<std::vector<std::string>> csv(const std::string& text) {
     std::vector<std::vector<std::string>> rows;
