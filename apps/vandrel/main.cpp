@@ -27,6 +27,9 @@ int main(int argc, char** argv) {
     runCmd->add_option("--plot", run.plot, "Draw the outputs to a .png or .svg file with gnuplot");
     runCmd->add_option("--scope-dir", run.scopeDir, "Write each oscilloscope block's recording to DIR/<block>.csv");
     runCmd->add_flag("--quiet,-q", run.quiet, "No progress bar");
+    bool safeScripts = false;
+    runCmd->add_flag("--safe-scripts", safeScripts,
+                     "Lua script blocks get only libraries that reach neither files nor the process");
 
     std::string scheme, overrides, out;
     bool verbose = false, checkOnly = false;
@@ -60,6 +63,11 @@ int main(int argc, char** argv) {
     }
 
     try {
+        if (safeScripts) {
+            Lua::ScriptSettings settings = Lua::getDefaultScriptSettings();
+            settings.safeScripts = true;
+            Lua::setDefaultScriptSettings(settings);
+        }
         if (*runCmd) return host::runCommand(run);
         if (*checkCmd) return host::checkCommand(scheme, overrides);
         if (*blocksCmd) return host::blocksCommand(verbose);
