@@ -50,7 +50,7 @@ simulation_scheme = {
         ["File name"] = { value = "scripts/pump_station.lua" },
         start_level = { value = 1.2 }, stop_level = { value = 0.4 },
         assist_level = { value = 1.8 }, assist_delay = { value = 60 },
-        alarm_level = { value = 2.5 }, min_run = { value = 120 },
+        alarm_level = { value = 2.8 }, min_run = { value = 120 },
         pump_flow = { value = 0.03 }, dt = { value = 5 },
       } },
     -- [3] level rate: (q_in - q_out) / 4

@@ -1,7 +1,8 @@
 -- Duty/assist controller of a pump station, written as a state machine.
 --
--- Used by the Lua script block "station" of pump_control.lua. The ${...} references are
--- the block's parameters, replaced by their values before the script is compiled.
+-- Used by the Lua script block "station" of pump_control.lua. Each dollar-brace reference
+-- below (comments included) is one of the block's parameters, replaced by its value
+-- before the script is compiled.
 --
 --   idle    all pumps off; the level rising above ${start_level} m starts the duty pump
 --   duty    one pump; above ${assist_level} m for ${assist_delay} s the assist pump joins
@@ -17,55 +18,59 @@
 
 local IDLE, DUTY, ASSIST = 0, 1, 2
 
--- Globals written here are this block's own: every station block has its own machine.
+-- Globals written in init, run and on_<port> are this block's own, so every station
+-- block has its own machine. Helper functions keep the shared globals as theirs: they
+-- get the machine as an argument.
 function init()
-  state = IDLE
-  since = 0        -- when the current state was entered (s)
-  high_since = nil -- since when the level has been above the assist level
-  alarm = false
-  duty = 2
+  machine = {
+    state = IDLE,
+    since = 0,         -- when the current state was entered (s)
+    high_since = nil,  -- since when the level has been above the assist level
+    alarm = false,
+    duty = 2,          -- the duty pump
+  }
 end
 
-local function enter(new_state, t)
-  state, since, high_since = new_state, t, nil
+local function enter(m, state, t)
+  m.state, m.since, m.high_since = state, t, nil
 end
 
-local function step_machine(t, level)
-  local ran = t - since
-  if state == IDLE then
+local function step(m, t, level)
+  local ran = t - m.since
+  if m.state == IDLE then
     if level > ${start_level} then
-      duty = 3 - duty
-      enter(DUTY, t)
+      m.duty = 3 - m.duty
+      enter(m, DUTY, t)
     end
   elseif level < ${stop_level} and ran >= ${min_run} then
-    enter(IDLE, t)
-  elseif state == DUTY then
+    enter(m, IDLE, t)
+  elseif m.state == DUTY then
     if level > ${assist_level} then
-      high_since = high_since or t
-      if t - high_since >= ${assist_delay} then enter(ASSIST, t) end
+      m.high_since = m.high_since or t
+      if t - m.high_since >= ${assist_delay} then enter(m, ASSIST, t) end
     else
-      high_since = nil
+      m.high_since = nil
     end
-  elseif state == ASSIST and level < ${start_level} and ran >= ${min_run} then
-    enter(DUTY, t)
+  elseif m.state == ASSIST and level < ${start_level} and ran >= ${min_run} then
+    enter(m, DUTY, t)
   end
 end
 
 function run(t)
-  local level = inputs.level()
-  step_machine(t, level)
+  local m, level = machine, inputs.level()
+  step(m, t, level)
 
-  local pumps = state == IDLE and 0 or (state == DUTY and 1 or 2)
+  local pumps = m.state == IDLE and 0 or (m.state == DUTY and 1 or 2)
   outputs.pumps(pumps)
   outputs.q_out(pumps * ${pump_flow})
-  outputs.state(state)
-  outputs.duty(duty)
+  outputs.state(m.state)
+  outputs.duty(m.duty)
 
-  if not alarm and level > ${alarm_level} then
-    alarm = true
+  if not m.alarm and level > ${alarm_level} then
+    m.alarm = true
     outports.alarm(true)
-  elseif alarm and level < ${start_level} then
-    alarm = false
+  elseif m.alarm and level < ${start_level} then
+    m.alarm = false
     outports.alarm(false)
   end
   return ${dt}

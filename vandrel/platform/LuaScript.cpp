@@ -54,16 +54,29 @@ std::int64_t budgetOf(const Context* ctx) {
     return static_cast<std::int64_t>(budget > max ? max : budget);
 }
 
-// Runs every ctx->period instructions of any thread of the state. Nested calls share
-// the budget of the outermost call, so a loop that calls back into the state through a
-// port still runs out.
+// Runs every ctx->period instructions of any thread of the state (coroutines inherit the
+// hook). Nested calls share the budget of the outermost call, so a loop that calls back
+// into the state through a port still runs out.
 void countHook(lua_State* L, lua_Debug*) {
     Context* ctx = contextOf(L);
     if (ctx == nullptr || ctx->settings.instructionBudget == 0) return;
-    ctx->remaining -= ctx->period;
-    if (ctx->remaining > 0) return;
-    luaL_error(L, "instruction limit exceeded: more than %f Lua instructions in one call",
-               static_cast<lua_Number>(ctx->settings.instructionBudget));
+    const int count = lua_gethookcount(L);
+    ctx->remaining -= count;
+    if (ctx->remaining > 0) {
+        // A thread left at every instruction by an earlier call goes back to the period.
+        if (count != ctx->period) lua_sethook(L, countHook, LUA_MASKCOUNT, ctx->period);
+        return;
+    }
+    // From now on every instruction of this thread fails, so a script that catches the
+    // error with pcall cannot go on: each error unwinds to the nearest pcall, and the next
+    // instruction of its caller fails again, up to the host's call.
+    if (count != 1) lua_sethook(L, countHook, LUA_MASKCOUNT, 1);
+    // Where the running function is (level 0; level 1 would be its caller).
+    luaL_where(L, 0);
+    lua_pushfstring(L, "instruction limit exceeded: more than %f Lua instructions in one call",
+                    static_cast<lua_Number>(ctx->settings.instructionBudget));
+    lua_concat(L, 2);
+    lua_error(L);
 }
 
 // Before and after one call from the host into the state.
