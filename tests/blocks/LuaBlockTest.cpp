@@ -549,6 +549,10 @@ TEST(LuaBlock, RunawayScriptsHitTheInstructionAndMemoryLimits) {
          {"Error: ", "instruction limit exceeded"}},
         {init + "function run(t) local c = coroutine.wrap(function() while true do end end) c() end",
          {"Error: ", "instruction limit exceeded"}},
+        // Work inside C functions counts no instructions: these must end by themselves.
+        {init + "function run(t) while true do local s = string.rep('', 2147483647) .. ('x'):rep(3) end end",
+         {"Error: ", "instruction limit exceeded"}},
+        {init + "function run(t) local s = ('x'):rep(1e9) end", {"Error: not enough memory"}},
         {"while true do end", {"Cannot load ", "instruction limit exceeded", "Lua block b"}},
         {init + "function run(t) local s = 'x' while true do s = s .. s end end",
          {"Error: not enough memory (the memory limit of 4194304 bytes per script state was reached)",

@@ -162,6 +162,24 @@ int safeLoad(lua_State* L) {
     return lua_gettop(L);
 }
 
+// string.rep that returns at once for the empty string: the original loops n times
+// inside C, where no instruction is counted, so rep("", 2^31 - 1) would take seconds
+// per call, out of reach of the budget.
+// Upvalue 1: the original.
+int boundedRep(lua_State* L) {
+    std::size_t length = 0;
+    luaL_checklstring(L, 1, &length);
+    luaL_checkinteger(L, 2);
+    if (length == 0) {
+        lua_pushliteral(L, "");
+        return 1;
+    }
+    lua_pushvalue(L, lua_upvalueindex(1));
+    lua_insert(L, 1);
+    lua_call(L, lua_gettop(L) - 1, 1);
+    return 1;
+}
+
 // Replaces global `name` by a C closure with the old value as its upvalue.
 void wrapGlobal(lua_State* L, const char* name, lua_CFunction wrapper) {
     lua_getfield(L, LUA_GLOBALSINDEX, name);
@@ -252,6 +270,11 @@ int openState(lua_State* L) {
 
     if (ctx->settings.safeScripts) openSafeLibraries(L);
     else ZO_lua_openlibs(L);
+    lua_getfield(L, LUA_GLOBALSINDEX, LUA_STRLIBNAME);
+    lua_getfield(L, -1, "rep");
+    lua_pushcclosure(L, boundedRep, 1);
+    lua_setfield(L, -2, "rep");
+    lua_pop(L, 1);
 
     lua_pushcfunction(L, callTrampoline);
     ctx->trampolineRef = luaL_ref(L, LUA_REGISTRYINDEX);
