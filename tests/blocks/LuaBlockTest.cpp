@@ -146,6 +146,10 @@ end
     EXPECT_EQ(sys.getOutput<double>("valve"), 0.0);
     EXPECT_EQ(sys.getOutput<int>("calls"), 2);
     EXPECT_FALSE(sys.getOutput<bool>("open"));
+    // Each update is traced at level 3.
+    testutil::LogCapture log(3);
+    sys.simulate(0.5);
+    EXPECT_TRUE(contains(log.text(), "wBlockLua(0.5)\n")) << log.text();
 }
 
 TEST(LuaBlock, PortsCallOnPortAndSendToEveryConnectedInput) {

@@ -311,6 +311,20 @@ ScriptInstance* liveHandle(lua_State* L) {
     return handle;
 }
 
+// Bytes of a value laid out as `slot`: the wire's slot size.
+std::size_t slotBytes(ScriptSlot slot) {
+    switch (slot) {
+        case SCRIPT_SLOT_BOOL:
+        case SCRIPT_SLOT_BYTE: return 1;
+        case SCRIPT_SLOT_INT:
+        case SCRIPT_SLOT_UINT: return 4;
+        case SCRIPT_SLOT_DOUBLE: return 8;
+        case SCRIPT_SLOT_VECTOR: return 24;
+        case SCRIPT_SLOT_QUATERNION: return 32;
+    }
+    return 0;
+}
+
 ScriptSlot slotOf(lua_State* L) { return static_cast<ScriptSlot>(lua_tointeger(L, lua_upvalueindex(3))); }
 
 // The low 32 bits of an integer argument.
@@ -405,11 +419,7 @@ int wireSetter(lua_State* L) {
     const ScriptSlot slot = slotOf(L);
     unsigned char value[kSlotBufferSize];
     readArguments(L, slot, value);
-    const int size = slot == SCRIPT_SLOT_INT || slot == SCRIPT_SLOT_UINT ? 4
-                     : slot == SCRIPT_SLOT_BOOL || slot == SCRIPT_SLOT_BYTE ? 1
-                     : slot == SCRIPT_SLOT_DOUBLE ? 8
-                     : slot == SCRIPT_SLOT_VECTOR ? 24 : 32;
-    std::memcpy(handle->data + lua_tointeger(L, lua_upvalueindex(2)), value, static_cast<std::size_t>(size));
+    std::memcpy(handle->data + lua_tointeger(L, lua_upvalueindex(2)), value, slotBytes(slot));
     lua_settop(L, 0);
     return 0;
 }
