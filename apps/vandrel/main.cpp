@@ -36,6 +36,7 @@ int main(int argc, char** argv) {
     auto* checkCmd = app.add_subcommand("check", "Load a scheme for running and report OK or the error");
     checkCmd->add_option("scheme", scheme, "Scheme file")->required();
     checkCmd->add_option("--overrides", overrides, "Lua file defining the table `overrides`");
+    checkCmd->add_flag("--safe-scripts", safeScripts, "As for run: loading runs each script's chunk");
 
     auto* blocksCmd = app.add_subcommand("blocks", "List the registered block classes");
     blocksCmd->add_flag("--verbose,-v", verbose, "Show each block's leads and parameters");
@@ -48,6 +49,7 @@ int main(int argc, char** argv) {
     auto* dumpCmd = app.add_subcommand("dump", "Load a scheme for running and print its debug dump");
     dumpCmd->add_option("scheme", scheme, "Scheme file")->required();
     dumpCmd->add_option("--overrides", overrides, "Lua file defining the table `overrides`");
+    dumpCmd->add_flag("--safe-scripts", safeScripts, "As for run: loading runs each script's chunk");
 
     try {
         app.parse(argc, argv);
