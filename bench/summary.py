@@ -40,6 +40,15 @@ def main(path):
     if m:
         print(f"| memory | {int(m['blocks'])} blocks | heap bytes per block beyond the data area | {m['heap_bytes_per_block']:.0f} | <= 256 |")
         print(f"| memory | {int(m['blocks'])} blocks | data area bytes | {int(m['data_area_bytes'])} | as laid out |")
+    lua_runs = (("0/1", "trivial, limits on", " >= 2"), ("0/0", "trivial, no limits", ""),
+                ("1/1", "20-line controller, limits on", ""), ("1/0", "20-line controller, no limits", ""))
+    for args, label, target in lua_runs:
+        b = runs.get(f"BM_LuaRun/{args}")
+        if b:
+            print(f"| Lua run | {label} | million calls per second | {b['run_calls_per_s'] / 1e6:.2f} |{target} |")
+    b = runs.get("BM_LuaSimulate")
+    if b:
+        print(f"| Lua run via simulate | trivial | million calls per second | {b['run_calls_per_s'] / 1e6:.2f} | |")
 
 
 if __name__ == "__main__":

@@ -30,12 +30,16 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(1, 17));
     runCmd->add_option("--scope-dir", run.scopeDir, "Write each oscilloscope block's recording to DIR/<block>.csv");
     runCmd->add_flag("--quiet,-q", run.quiet, "No progress bar");
+    bool safeScripts = false;
+    runCmd->add_flag("--safe-scripts", safeScripts,
+                     "Lua script blocks get only libraries that reach neither files nor the process");
 
     std::string scheme, overrides, out;
     bool verbose = false, checkOnly = false;
     auto* checkCmd = app.add_subcommand("check", "Load a scheme for running and report OK or the error");
     checkCmd->add_option("scheme", scheme, "Scheme file")->required();
     checkCmd->add_option("--overrides", overrides, "Lua file defining the table `overrides`");
+    checkCmd->add_flag("--safe-scripts", safeScripts, "As for run: loading runs each script's chunk");
 
     auto* blocksCmd = app.add_subcommand("blocks", "List the registered block classes");
     blocksCmd->add_flag("--verbose,-v", verbose, "Show each block's leads and parameters");
@@ -48,6 +52,7 @@ int main(int argc, char** argv) {
     auto* dumpCmd = app.add_subcommand("dump", "Load a scheme for running and print its debug dump");
     dumpCmd->add_option("scheme", scheme, "Scheme file")->required();
     dumpCmd->add_option("--overrides", overrides, "Lua file defining the table `overrides`");
+    dumpCmd->add_flag("--safe-scripts", safeScripts, "As for run: loading runs each script's chunk");
 
     std::string graphOut;
     auto* graphCmd = app.add_subcommand("graph", "Write the scheme as a Graphviz diagram (dot text, or drawn by Graphviz)");
@@ -70,6 +75,11 @@ int main(int argc, char** argv) {
     }
 
     try {
+        if (safeScripts) {
+            Lua::ScriptSettings settings = Lua::getDefaultScriptSettings();
+            settings.safeScripts = true;
+            Lua::setDefaultScriptSettings(settings);
+        }
         if (*runCmd) return host::runCommand(run);
         if (*checkCmd) return host::checkCommand(scheme, overrides);
         if (*blocksCmd) return host::blocksCommand(verbose);

@@ -1,6 +1,7 @@
 // The `vandrel` program through a real process, on the examples and small schemes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <sstream>
@@ -146,6 +147,51 @@ TEST_F(Cli, ErrorsAndUsageMistakesHaveTheirExitStatus) {
     r = run("check " + example("thermostat.lua"));
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("OK: "), std::string::npos);
+}
+
+TEST_F(Cli, SafeScriptsKeepScriptBlocksAwayFromFilesAndTheProcess) {
+    // The pump example needs nothing that safe scripts lack; the storm brings in the
+    // assist pump (state 2), the level peaks near 3.1 m and is pumped back down.
+    Result r = run("run " + example("pump_control.lua") + " --until 7200 --every 60 -q --safe-scripts");
+    ASSERT_EQ(r.status, 0) << r.err;
+    const auto rows = csv(r.out);
+    ASSERT_EQ(rows.size(), 121u);
+    EXPECT_EQ(rows[0], (std::vector<std::string>{"time", "level", "q_in", "q_out", "pumps", "state"}));
+    int assisted = 0;
+    double peak = 0.0;
+    for (std::size_t i = 1; i < rows.size(); ++i) {
+        assisted += rows[i][5] == "2";
+        peak = std::max(peak, std::stod(rows[i][1]));
+        EXPECT_GT(std::stod(rows[i][1]), 0.0) << "row " << i;
+    }
+    EXPECT_GT(assisted, 0);
+    EXPECT_GT(peak, 2.8);
+    EXPECT_LT(peak, 3.5);
+    EXPECT_LT(std::stod(rows.back()[1]), 1.3);
+
+    // A script that writes a file: allowed by default, refused with --safe-scripts.
+    const fs::path target = dir_ / "written.txt";
+    write("writer.lua", "function init() local f = io.open('" + target.string() +
+                            "', 'w') f:write('x') f:close() end\nfunction run(t) outputs.y(1) return 1 end\n");
+    const auto scheme = write("script.lua", R"(simulation_scheme = {
+  blocks = {
+    { __name = "w", __type = "wBlockLuaDescriptor", inputs = {}, outputs = { { name = "y", type = 2 } },
+      inPorts = {}, outPorts = {}, additional_params = {},
+      __parameters = { ["File name"] = { value = "writer.lua" } } },
+  },
+  io = { inputWires = { { name = "y", type = 2 } }, inputPorts = {}, outputWires = {}, outputPorts = {} },
+  connections = { { output_block = 0, output_lead = "y", input_block = -666, input_lead = "y", port = false } },
+}
+)");
+    r = run("run " + scheme.string() + " --until 1 -q --safe-scripts");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("Error: [string \"?\"]:1: attempt to index global 'io' (a nil value) (in init of Lua block w)"),
+              std::string::npos)
+        << r.err;
+    EXPECT_FALSE(fs::exists(target));
+    r = run("run " + scheme.string() + " --until 1 -q");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(slurp(target), "x");
 }
 
 TEST_F(Cli, FmtIsIdempotentAndCheckDetectsNonCanonicalFiles) {

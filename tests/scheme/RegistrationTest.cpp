@@ -36,6 +36,7 @@ TEST(Registration, BlockClassesAreListedInRegistrationOrder) {
         {"wBlockI2ODescriptor<int CMA bool>", "conv_i2b"},
         {"wBlockIntegratorDescriptor<double>", "I (dbl)"},
         {"wBlockIntegratorDescriptor<Vec3d>", "I (vec)"},
+        {"wBlockLuaDescriptor", "Lua script"},
         {"wBlockMaxValDescriptor<double>", "MaxVal (dbl)"},
         {"wBlockMaxValDescriptor<Vec3d>", "MaxVal (vec)"},
         {"wBlockMaxValDescriptor<int>", "MaxVal (int)"},

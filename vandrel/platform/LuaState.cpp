@@ -17,6 +17,8 @@ struct StateInfo {
     std::size_t used = 0;           // bytes held by the state
     std::size_t limit = SIZE_MAX;   // bytes the state may hold
     char* name = nullptr;           // for panic messages (malloc'd, NUL-terminated)
+    void* user = nullptr;           // the owner's per-state data
+    bool limitHit = false;          // an allocation was refused for the limit
 };
 
 void* allocate(void* ud, void* ptr, std::size_t osize, std::size_t nsize) {
@@ -29,8 +31,10 @@ void* allocate(void* ud, void* ptr, std::size_t osize, std::size_t nsize) {
     // Growing beyond the limit fails; Lua turns that into a memory error. Shrinking
     // must never fail, so it is not checked.
     if (nsize > osize &&
-        (info->used >= info->limit || nsize - osize > info->limit - info->used))
+        (info->used >= info->limit || nsize - osize > info->limit - info->used)) {
+        info->limitHit = true;
         return nullptr;
+    }
     void* block = std::realloc(ptr, nsize);
     if (block == nullptr) return nsize <= osize ? ptr : nullptr;
     info->used = info->used - osize + nsize;
@@ -95,3 +99,14 @@ std::size_t ZO_lua_setmemorylimit(lua_State* L, std::size_t bytes) {
 }
 
 std::size_t ZO_lua_memoryused(lua_State* L) { return infoOf(L)->used; }
+
+bool ZO_lua_memorylimithit(lua_State* L) {
+    StateInfo* info = infoOf(L);
+    const bool hit = info->limitHit;
+    info->limitHit = false;
+    return hit;
+}
+
+void ZO_lua_setuserdata(lua_State* L, void* data) { infoOf(L)->user = data; }
+
+void* ZO_lua_getuserdata(lua_State* L) { return infoOf(L)->user; }

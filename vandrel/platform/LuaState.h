@@ -23,3 +23,11 @@ void ZO_lua_close(lua_State* L);
 std::size_t ZO_lua_setmemorylimit(lua_State* L, std::size_t bytes);
 // Bytes currently held by the state.
 std::size_t ZO_lua_memoryused(lua_State* L);
+// True when an allocation was refused for the limit since the last call (which clears
+// it): tells a memory error caused by the limit from one of the process.
+bool ZO_lua_memorylimithit(lua_State* L);
+
+// One pointer of the owner's own per-state data, reachable from any thread (coroutine)
+// of the state without a Lua call; null until set.
+void ZO_lua_setuserdata(lua_State* L, void* data);
+void* ZO_lua_getuserdata(lua_State* L);

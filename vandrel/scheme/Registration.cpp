@@ -12,6 +12,7 @@
 #include "vandrel/blocks/Conversions.h"
 #include "vandrel/blocks/VectorBlocks.h"
 #include "vandrel/blocks/Integrator.h"
+#include "vandrel/blocks/LuaBlock.h"
 #include "vandrel/blocks/Timers.h"
 #include "vandrel/blocks/Multiplexer.h"
 #include "vandrel/blocks/Oscilloscope.h"
@@ -50,7 +51,7 @@ void registerBlockClasses(wSimulationBlockFactory& f) {
     f.registerClass<wBlockI2ODescriptor<int, bool>>("conv_i2b");
     f.registerClass<wBlockIntegratorDescriptor<double>>("I (dbl)");
     f.registerClass<wBlockIntegratorDescriptor<Vec3d>>("I (vec)");
-    // (Lua script: "wBlockLuaDescriptor", comes with the script block)
+    f.registerClass<wBlockLuaDescriptor>("Lua script");
     f.registerClass<wBlockMaxValDescriptor<double>>("MaxVal (dbl)");
     f.registerClass<wBlockMaxValDescriptor<Vec3d>>("MaxVal (vec)");
     f.registerClass<wBlockMaxValDescriptor<int>>("MaxVal (int)");
