@@ -40,6 +40,15 @@ def main(path):
     if m:
         print(f"| memory | {int(m['blocks'])} blocks | heap bytes per block beyond the data area | {m['heap_bytes_per_block']:.0f} | <= 256 |")
         print(f"| memory | {int(m['blocks'])} blocks | data area bytes | {int(m['data_area_bytes'])} | as laid out |")
+    flat = runs.get("BM_SubsystemLags/1000/0")
+    if flat:
+        base = flat["ns_per_block_eval"] * 1e9
+        print(f"| lags, flat (subsystem baseline) | 1000 | ns per block evaluation | {base:.2f} | |")
+        for m in (1, 100, 1000):
+            b = runs.get(f"BM_SubsystemLags/1000/{m}")
+            if b:
+                ns = b["ns_per_block_eval"] * 1e9
+                print(f"| lags in {m} subsystems of {1000 // m} | 1000 | ns per block evaluation (x flat) | {ns:.2f} ({ns / base:.2f}x) | <= 1.5x |")
 
 
 if __name__ == "__main__":
