@@ -204,6 +204,36 @@ TEST(SubsystemBlock, IdleSubsystemRunsAgainWheneverWhatFeedsItChanges) {
     EXPECT_GT(system->getOutput<double>("ramp"), 2.5);
 }
 
+// Fed from continuous state, an idle subsystem runs again at each time that the
+// integration reaches, in the call that starts there: one step behind, as any discrete
+// block sampling that state.
+TEST(SubsystemBlock, IdleSubsystemFedByContinuousStateSamplesItEveryStep) {
+    const fs::path dir = dirWithSubsystemFiles();
+    testutil::SchemeText s;
+    const int c = s.block("c", "wBlockConstantsDescriptor", "one = { value = 1 }, zero = { value = 0 }",
+                          "values = { { name = \"one\", type = 1 }, { name = \"zero\", type = 1 } }");
+    const int x = s.block("x", "wBlockIntegratorDescriptor<double>");
+    const int sub = s.block("sub", kSubsystem, "[\"c.k\"] = { value = 1 }", subsystemKeys("offset", {"c.k"}));
+    s.solver("__type = \"wSolverExplEulerDescriptor\", H = 0.1");
+    s.wire(c, "one", x, "input");
+    s.wire(c, "zero", x, "output.initial");
+    s.wire(x, "output", sub, "u");
+    s.outputWire("x", LEAD_DOUBLE);
+    s.outputWire("y", LEAD_DOUBLE);
+    s.wire(x, "output", kIO, "x");
+    s.wire(sub, "y", kIO, "y");
+    auto scheme = loadRun(testutil::writeFile(dir / "outer.lua", s.text()));
+    auto system = scheme->instantiate();
+
+    double t = 0, reached = 0;
+    for (int n = 0; n < 10; ++n) {
+        t += system->simulate(t);
+        EXPECT_NEAR(system->getOutput<double>("x"), t, 1e-12);
+        EXPECT_NEAR(system->getOutput<double>("y"), reached + 1, 1e-12) << "t = " << t;
+        reached = system->getOutput<double>("x");
+    }
+}
+
 // ---- Memory layout
 
 TEST(SubsystemBlock, NestedLevelsGetTheirSlotsInTheTopLevelArea) {
