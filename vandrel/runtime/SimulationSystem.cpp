@@ -464,7 +464,8 @@ double wSimulationSystem::simulate(double T) {
             queue_.front().time = t + r;
             queueSiftDown_(0);
         }
-        if (!wakeAfter_.empty()) wake_(wakeAfter_[static_cast<std::size_t>(d)], t, d);
+        if (!wakeAfter_.empty() && !wakeAfter_[static_cast<std::size_t>(d)].empty())
+            wake_(wakeAfter_[static_cast<std::size_t>(d)], t, d);
         if (t > frontier + kSameInstant) {
             frontier = t;
             stalled = 0;

@@ -80,6 +80,8 @@ public:
     void getInputData(zo::vector<unsigned char>* out) const;
 
     const wSimulationSystemScheme* getScheme() const { return scheme_; }
+    int getBlockCount() const;
+    wSimulationBlock* getBlock(int index) const { return blocks_[static_cast<std::size_t>(index)].get(); }
 
     // ---- Nested systems (a subsystem block's). Not owned; each lives in a block of this
     // system. "reset_diff_state" and setSchemeQueueTime reach them too.
@@ -92,8 +94,6 @@ public:
     static constexpr int kWakeOnContinuous = -2;   // continuous state: after every integration
     // Discrete block `target` wakes when `source` may have changed its inputs.
     void addWakeup(int source, int target);
-    int getBlockCount() const;
-    wSimulationBlock* getBlock(int index) const { return blocks_[static_cast<std::size_t>(index)].get(); }
 
 protected:
     void init_(Lua::Loader* loader);
