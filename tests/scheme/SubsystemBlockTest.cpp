@@ -267,6 +267,31 @@ TEST(SubsystemBlock, NestedLevelsGetTheirSlotsInTheTopLevelArea) {
     EXPECT_EQ(readWire<double>(data, 8), 5.5);
 }
 
+// One subsystem feeding another: the second's nested scheme reads the first's nested slot.
+TEST(SubsystemBlock, ChainedSubsystemsShareTheSlotBetweenThem) {
+    const fs::path dir = dirWithSubsystemFiles();
+    testutil::SchemeText s;
+    const int first = s.block("first", kSubsystem, "[\"c.k\"] = { value = 1 }", subsystemKeys("offset", {"c.k"}));
+    const int second = s.block("second", kSubsystem, "[\"c.k\"] = { value = 10 }", subsystemKeys("offset", {"c.k"}));
+    s.inputWire("u", LEAD_DOUBLE);
+    s.outputWire("y", LEAD_DOUBLE);
+    s.wire(kIO, "u", first, "u");
+    s.wire(first, "y", second, "u");
+    s.wire(second, "y", kIO, "y");
+    auto scheme = loadRun(testutil::writeFile(dir / "outer.lua", s.text()));
+    const int between = scheme->getBlockByName("first.sum")->getOutputWireOffset(0);
+    EXPECT_EQ(scheme->getBlockByName("second.sum")->getInputWireOffset(0), between);
+    EXPECT_EQ(scheme->getIOBlock().getInputWireOffset(0), scheme->getBlockByName("second.sum")->getOutputWireOffset(0));
+    auto system = scheme->instantiate();
+    system->setInput<double>("u", 0.5);
+    system->simulate(0);
+    EXPECT_EQ(system->getOutput<double>("y"), 11.5);
+    system->setInput<double>("u", 2);
+    system->simulate(1);
+    EXPECT_EQ(readWire<double>(system->getDataPtr(), between), 3.0);
+    EXPECT_EQ(system->getOutput<double>("y"), 13.0);
+}
+
 TEST(SubsystemBlock, NestedContinuousStateStartsOnAMultipleOfEight) {
     const fs::path dir = dirWithSubsystemFiles();
     testutil::SchemeText s;
