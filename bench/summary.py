@@ -49,6 +49,15 @@ def main(path):
     b = runs.get("BM_LuaSimulate")
     if b:
         print(f"| Lua run via simulate | trivial | million calls per second | {b['run_calls_per_s'] / 1e6:.2f} | |")
+    flat = runs.get("BM_SubsystemLags/1000/0")
+    if flat:
+        base = flat["ns_per_block_eval"] * 1e9
+        print(f"| lags, flat (subsystem baseline) | 1000 | ns per block evaluation | {base:.2f} | |")
+        for m in (1, 100, 1000):
+            b = runs.get(f"BM_SubsystemLags/1000/{m}")
+            if b:
+                ns = b["ns_per_block_eval"] * 1e9
+                print(f"| lags in {m} subsystems of {1000 // m} | 1000 | ns per block evaluation (x flat) | {ns:.2f} ({ns / base:.2f}x) | <= 1.5x |")
 
 
 if __name__ == "__main__":

@@ -24,6 +24,7 @@
 #include "vandrel/scheme/BlockFactory.h"
 #include "vandrel/scheme/BlockSerializer.h"
 #include "vandrel/scheme/SimulationSystemScheme.h"
+#include "vandrel/scheme/SubsystemBlock.h"
 
 // Runtime: simulation system, ODE solvers, logger and exceptions.
 #include "vandrel/runtime/OdeSolver.h"

@@ -6,8 +6,10 @@
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <string>
 
 #include "runtime/RuntimeTestUtil.h"
+#include "vandrel/scheme/SimulationSystemScheme.h"
 
 namespace {
 
@@ -190,4 +192,32 @@ TEST(RuntimeNoAlloc, SimulateAllocatesNothing) {
     auto* t = dynamic_cast<testblocks::Trigger*>(rt::blockNamed(*sys, "trig"));
     ASSERT_NE(t, nullptr);
     EXPECT_EQ(t->arrivals, 100);
+}
+
+TEST(RuntimeNoAlloc, SimulateThroughSubsystemsAllocatesNothing) {
+    // A nested continuous scheme on its own solver, reset through the command port, and
+    // idle subsystems that are woken by the host's inputs.
+    const std::string dir = std::string(VANDREL_TEST_DATA_DIR) + "/subsystem/";
+    wSimulationSystemScheme lagScheme, twiceScheme;
+    lagScheme.loadForRuntime(dir + "lag_outer.lua");
+    twiceScheme.loadForRuntime(dir + "twice.lua");
+    auto lag = lagScheme.instantiate();
+    auto twice = twiceScheme.instantiate();
+    auto* reset = dynamic_cast<wInputPort<bool>*>(lag->getInputPort("reset"));
+    ASSERT_NE(reset, nullptr);
+    double T = lag->simulate(0.0);
+    twice->simulate(0.0);
+
+    counting = true;
+    for (int k = 1; k <= 1000; ++k) {
+        lag->setInput<double>("u", 1.0 + 0.001 * k);
+        if (k % 100 == 0) reset->setValue(true);
+        T += lag->simulate(T);
+        twice->setInput<double>("u", 0.5 * k);
+        twice->simulate(0.01 * k);
+    }
+    counting = false;
+    EXPECT_EQ(allocations.exchange(0), 0);
+    EXPECT_GT(T, 99.0);
+    EXPECT_EQ(twice->getOutput<double>("ya"), 501.5);
 }

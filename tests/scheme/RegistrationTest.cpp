@@ -47,6 +47,7 @@ TEST(Registration, BlockClassesAreListedInRegistrationOrder) {
         {"wBlockOscilloscopeDescriptor", "Oscilloscope"},
         {"wBlockRampDescriptor", "Ramp block"},
         {"wRotatorBlockDescriptor", "Rotate Rot3d"},
+        {"wBlockSubsystemDescriptor", "Subsystem"},
         {"wBlockSummatorDescriptor<double>", "Sum (dbl)"},
         {"wBlockSummatorDescriptor<Vec3d>", "Sum (vec)"},
         {"wBlockSummatorDescriptor<int>", "Sum (int)"},

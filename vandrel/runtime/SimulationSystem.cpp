@@ -6,6 +6,7 @@
 #include <cstring>
 #include <limits>
 #include <new>
+#include <string>
 #include <unordered_map>
 #include <utility>
 
@@ -109,6 +110,7 @@ void wSimulationSystem::release_() noexcept {
     inputFanOut_.clear();
     outputMerge_.clear();
     proxies_.clear();
+    children_.clear();
     if (ownsData_) std::free(data_);
     data_ = nullptr;
     ownsData_ = false;
@@ -382,12 +384,49 @@ double wSimulationSystem::getSchemeQueueTime() const { return queue_.empty() ? 0
 void wSimulationSystem::setSchemeQueueTime(double t) {
     // All equal now: the order by index that the heap already has stays valid.
     for (QueueEntry& e : queue_) e.time = t;
+    for (wSimulationSystem* child : children_) child->setSchemeQueueTime(t);
+}
+
+// ---- Nested systems and wake-ups
+
+void wSimulationSystem::addChildSystem(wSimulationSystem* child) { children_.push_back(child); }
+
+void wSimulationSystem::addWakeup(int source, int target) {
+    const int count = scheme_->getDiscreteBlocksCount();
+    if (target < 0 || target >= count || source < kWakeOnContinuous || source >= count)
+        throw wSimulationException("Invalid wake-up: source " + std::to_string(source) + ", target " +
+                                   std::to_string(target));
+    sleep_.resize(static_cast<std::size_t>(count));
+    zo::vector<int>* list = &wakeOnInput_;
+    if (source == kWakeOnContinuous) {
+        list = &wakeOnContinuous_;
+    } else if (source >= 0) {
+        wakeAfter_.resize(static_cast<std::size_t>(count));
+        list = &wakeAfter_[static_cast<std::size_t>(source)];
+    }
+    if (std::find(list->begin(), list->end(), target) == list->end()) list->push_back(target);
+}
+
+void wSimulationSystem::wake_(const zo::vector<int>& targets, double t, int source) {
+    for (int e : targets) {
+        Sleep& s = sleep_[static_cast<std::size_t>(e)];
+        if (!s.asleep) continue;
+        // A block that already stepped at this instant runs again only for a change made
+        // after it in the instant's order (by a block of higher index, or from outside):
+        // two sleeping blocks feeding each other then settle instead of waking each other
+        // for ever.
+        if (source >= 0 && source < e && s.since >= t - kSameInstant) continue;
+        s.asleep = false;
+        // Out of the schedule while asleep, so the queue's reserved room holds it.
+        queuePush_({e, t});
+    }
 }
 
 // ---- Running
 
 void wSimulationSystem::reset() {
     queue_.clear();
+    for (Sleep& s : sleep_) s.asleep = false;
     std::fill(dirty_.begin(), dirty_.end(), static_cast<unsigned char>(1));
     if (scheme_->getDiffMemorySize() > 0)
         std::memset(data_ + scheme_->getDiffMemoryOffset(), 0, static_cast<std::size_t>(scheme_->getDiffMemorySize()));
@@ -403,6 +442,7 @@ double wSimulationSystem::simulate(double T) {
 
     const wSimulationSystemScheme& s = *scheme_;
     setDirty_(s.getStatelessBlocksOnSchemeInput());
+    if (!wakeOnInput_.empty()) wake_(wakeOnInput_, T, kWakeOnSchemeInput);
 
     // Discrete events due by T (and up to kDueWindow after it), earliest first. A block
     // that keeps rescheduling itself without moving time forward would loop here for
@@ -421,10 +461,13 @@ double wSimulationSystem::simulate(double T) {
         if (std::isnan(r)) throwStalled_(d, t, r);
         if (r == -1.0) {
             queuePop_();
+            if (!sleep_.empty()) sleep_[static_cast<std::size_t>(d)] = Sleep{true, t};
         } else {
             queue_.front().time = t + r;
             queueSiftDown_(0);
         }
+        if (!wakeAfter_.empty() && !wakeAfter_[static_cast<std::size_t>(d)].empty())
+            wake_(wakeAfter_[static_cast<std::size_t>(d)], t, d);
         if (t > frontier + kSameInstant) {
             frontier = t;
             stalled = 0;
@@ -439,6 +482,7 @@ double wSimulationSystem::simulate(double T) {
     if (solver_) {
         if (queue_.empty()) N = advanceDifferential_(T, 0.0) + T;
         else advanceDifferential_(T, N - T);
+        if (!wakeOnContinuous_.empty()) wake_(wakeOnContinuous_, N, kWakeOnContinuous);
     }
     now_ = solver_ ? N : T;
     updateDirty_(s.getStatelessBlocksOnSchemeOutput(), N);
@@ -526,10 +570,12 @@ void wSimulationSystem::calcDiffRhs(double t, double* dy) {
     for (wSimulationBlockDiff* b : diff_) b->calculate_dy(t, data_, base);
 }
 
-void wSimulationSystem::resetDiff_(const bool& /*any value resets*/) {
+void wSimulationSystem::resetDiff_(const bool& value) {
+    // Any value resets.
     for (wSimulationBlockDiff* b : diff_) b->resetState(data_);
     // The states jumped: everything computed from them is stale.
     setDirty_(scheme_->getStatelessBlocksInDiff());
+    for (wSimulationSystem* child : children_) child->resetDiff_(value);
 }
 
 // ---- State blobs
@@ -548,23 +594,31 @@ bool wSimulationSystem::getSchemeStateData(zo::vector<unsigned char>* out) const
     const int size = getSchemeStateDataSize();
     if (size == -1) return false;
     out->resize(static_cast<std::size_t>(size));
+    getSchemeStateDataToPtr(out->data());
+    return true;
+}
+
+void wSimulationSystem::getSchemeStateDataToPtr(unsigned char* out) const {
+    if (getSchemeStateDataSize() == -1) return;
     std::size_t pos = 0;
     for (const wSimulationBlockDisc* b : discrete_) {
         const int n = b->getBlockStateDataSize();
         if (n <= 0) continue;
-        b->getBlockStateData(out->data() + pos);
+        b->getBlockStateData(out + pos);
         pos += static_cast<std::size_t>(n);
     }
-    return true;
 }
 
-void wSimulationSystem::setSchemeStateData(const zo::vector<unsigned char>* in) {
-    if (getSchemeStateDataSize() == -1) return;
+void wSimulationSystem::setSchemeStateData(const zo::vector<unsigned char>* in) { setSchemeStateDataByPtr(in->data()); }
+
+int wSimulationSystem::setSchemeStateDataByPtr(const unsigned char* in) {
+    if (getSchemeStateDataSize() == -1) return 0;
     std::size_t pos = 0;
     for (wSimulationBlockDisc* b : discrete_) {
         if (!b->blockHasStateData()) continue;
-        pos += static_cast<std::size_t>(b->setBlockStateDataByPtr(in->data() + pos));
+        pos += static_cast<std::size_t>(b->setBlockStateDataByPtr(in + pos));
     }
+    return static_cast<int>(pos);
 }
 
 void wSimulationSystem::getInputData(zo::vector<unsigned char>* out) const {

@@ -71,6 +71,11 @@ public:
     int getSchemeStateDataSize() const;
     bool getSchemeStateData(zo::vector<unsigned char>* out) const;
     void setSchemeStateData(const zo::vector<unsigned char>* in);
+    // The same blob through raw memory, for an enclosing system: writes exactly
+    // getSchemeStateDataSize() bytes (nothing when that is -1) / reads one and returns the
+    // bytes it consumed.
+    void getSchemeStateDataToPtr(unsigned char* out) const;
+    int setSchemeStateDataByPtr(const unsigned char* in);
     // Kept for interface compatibility; does nothing.
     void getInputData(zo::vector<unsigned char>* out) const;
 
@@ -90,6 +95,18 @@ public:
     int getBlockCount() const;
     wSimulationBlock* getBlock(int index) const { return blocks_[static_cast<std::size_t>(index)].get(); }
 
+    // ---- Nested systems (a subsystem block's). Not owned; each lives in a block of this
+    // system. "reset_diff_state" and setSchemeQueueTime reach them too.
+    void addChildSystem(wSimulationSystem* child);
+
+    // ---- Input-driven discrete blocks. A block whose step returned -1.0 stays out of the
+    // schedule until something feeding it may have changed: it is then due once more, at
+    // the time of the change. Sources are discrete indices or one of these two.
+    static constexpr int kWakeOnSchemeInput = -1;  // the host: at every simulate call
+    static constexpr int kWakeOnContinuous = -2;   // continuous state: after every integration
+    // Discrete block `target` wakes when `source` may have changed its inputs.
+    void addWakeup(int source, int target);
+
 protected:
     void init_(Lua::Loader* loader);
     double advanceDifferential_(double T, double h);
@@ -106,6 +123,8 @@ private:
     void queuePush_(QueueEntry e);
     void queueSiftDown_(std::size_t i);
     void queuePop_();
+    // Puts the sleeping blocks of `targets` back into the schedule at t (see addWakeup).
+    void wake_(const zo::vector<int>& targets, double t, int source);
 
     // Building: runtime blocks, then the port connections and the scheme's ports.
     void createBlocks_(Lua::Loader* loader);
@@ -142,4 +161,13 @@ private:
     // or null while the port is a block's own (owned by proxies_).
     zo::vector<wProxyPortBase*> inputFanOut_;
     zo::vector<wProxyPortBase*> outputMerge_;
+    // Nested systems and wake-ups (see addChildSystem, addWakeup); empty when unused.
+    struct Sleep {
+        bool asleep = false;  // out of the schedule after returning -1.0
+        double since = 0.0;   // the time it stepped last
+    };
+    zo::vector<wSimulationSystem*> children_;
+    zo::vector<zo::vector<int>> wakeAfter_;  // per discrete source: blocks it wakes
+    zo::vector<int> wakeOnInput_, wakeOnContinuous_;
+    zo::vector<Sleep> sleep_;                // per discrete block
 };

@@ -6,6 +6,7 @@
 #include "vandrel/runtime/OdeSolver.h"
 #include "vandrel/runtime/SolverExplEuler.h"
 #include "vandrel/scheme/BlockFactory.h"
+#include "vandrel/scheme/SubsystemBlock.h"
 // Block families (uncomment as each family lands):
 #include "vandrel/blocks/Logic.h"
 #include "vandrel/blocks/Aggregates.h"
@@ -62,7 +63,7 @@ void registerBlockClasses(wSimulationBlockFactory& f) {
     f.registerClass<wBlockOscilloscopeDescriptor>("Oscilloscope");
     f.registerClass<wBlockRampDescriptor>("Ramp block");
     f.registerClass<wRotatorBlockDescriptor>("Rotate Rot3d");
-    // (Subsystem: "wBlockSubsystemDescriptor", comes with the subsystem block)
+    f.registerClass<wBlockSubsystemDescriptor>("Subsystem");
     f.registerClass<wBlockSummatorDescriptor<double>>("Sum (dbl)");
     f.registerClass<wBlockSummatorDescriptor<Vec3d>>("Sum (vec)");
     f.registerClass<wBlockSummatorDescriptor<int>>("Sum (int)");

@@ -1,0 +1,4 @@
+overrides = {
+  direct = { c = { k = 10 } },
+  deep = { inner = { c = { k = 100 } } },
+}
