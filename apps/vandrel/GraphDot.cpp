@@ -8,11 +8,9 @@
 
 namespace host {
 
-const wSimulationSystemScheme* subsystemScheme(const wSimulationBlockDescriptor& /*block*/) {
-    // The one place that knows the subsystem block: once its type is in the library this
-    // returns the nested scheme of a block answering isOfType(BLOCK_SUBSYSTEM) (its
-    // getScheme()); until then every block is drawn as a single node.
-    return nullptr;
+const wSimulationSystemScheme* subsystemScheme(const wSimulationBlockDescriptor& block) {
+    // Only subsystem blocks hold a nested scheme; every other block is a single node.
+    return block.getNestedScheme();
 }
 
 namespace {
