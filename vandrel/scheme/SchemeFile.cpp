@@ -22,6 +22,7 @@
 
 #include "vandrel/platform/LuaLoader.h"
 #include "vandrel/platform/LuaSerializer.h"
+#include "vandrel/runtime/ResourceLimits.h"
 #include "vandrel/runtime/SimulationException.h"
 #include "vandrel/runtime/SimulationLogger.h"
 #include "vandrel/scheme/BlockSerializer.h"
@@ -198,6 +199,7 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
         rootDir_ = loader.getDirectory();
 
         bool hasContinuous = false;
+        const zo::string blocksPath = loader.formatPath("blocks");
         loader.beginSubtable("blocks");
         loader.beginArray();
         wEditorBlockSerializer editorReader(&loader, true);
@@ -207,9 +209,11 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
         // quadratic in the number of blocks. Dotted names ("sub.inner") still go through
         // addBlock, which looks into subsystems.
         std::unordered_set<std::string_view> plainNames;
-        while (loader.nextArray()) {
+        for (int position = 1; loader.nextArray(); ++position) {
             std::unique_ptr<wSimulationBlockDescriptor> block = reader.createBlock();
             hasContinuous = hasContinuous || block->isOfType(BLOCK_DIFF);
+            // What a block will allocate is refused while its place in the file is known.
+            if (running) checkBlockAllocation(*block, blocksPath + "[" + std::to_string(position) + "]");
             const zo::string& name = block->getName();
             if (name.empty() || name.find('.') != zo::string::npos) {
                 addBlock(std::move(block));
@@ -224,9 +228,13 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
         // A running scheme needs a solver exactly when it has continuous state; an edited
         // one keeps whatever the file holds.
         if (running ? hasContinuous : loader.hasEntry("solver")) {
+            const zo::string where = loader.formatPath("solver");
             loader.beginSubtable("solver");
             setOdeSolverDescriptor(wOdeSolversFactory::instance()->load(&loader));
             loader.endSubtable();
+            // A step that cannot integrate is refused here, with its place in the file,
+            // rather than when the first simulate call hangs or goes backwards.
+            if (running) solver_->validate(where);
         }
 
         loader.beginSubtable("io");
@@ -258,7 +266,11 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
         }
         loader.endSubtable();
 
-        if (running) postLoad_(isNested);
+        if (running) {
+            postLoad_(isNested);
+            // A nested scheme is counted with the scheme that holds it.
+            if (!isNested) checkSchemeAllocation(*this);
+        }
     } catch (const Lua::LoaderException& e) {
         throw wSimulationException(prefix + e.what());
     } catch (const wSimulationException& e) {
