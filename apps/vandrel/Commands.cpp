@@ -11,6 +11,7 @@
 
 #include <unistd.h>
 
+#include "Csv.h"
 #include "Files.h"
 #include "vandrel/platform/LuaCompare.h"
 #include "vandrel/vandrel.h"
@@ -47,6 +48,9 @@ std::unique_ptr<wSimulationSystemScheme> loadSchemeForRun(const std::string& fil
     if (overrides.empty()) table.createGlobalTable("overrides");
     else table.load(overrides, "overrides");
     scheme->loadForRuntime(file, &table);
+    // An override that changes nothing is almost always a misspelt name.
+    for (const zo::string& w : scheme->getLoadWarnings())
+        std::cerr << "vandrel: warning: " << (overrides.empty() ? file : overrides) << ": " << printable(w) << "\n";
     return scheme;
 }
 
@@ -227,7 +231,7 @@ int fmtCommand(const std::string& file, const std::string& out, bool check, bool
     if (const int line = firstCommentLine(original))
         losses.push_back("its comments would be dropped (the first is on line " + std::to_string(line) + ")");
 
-    for (const std::string& l : losses) std::cerr << "vandrel: " << file << ": " << l << "\n";
+    for (const std::string& l : losses) std::cerr << "vandrel: " << file << ": " << printable(l) << "\n";
     if (!losses.empty() && !force) {
         std::cerr << "vandrel: " << file << ": not rewritten; fix it, or pass --force to write the canonical form"
                   << " without what it cannot keep\n";

@@ -178,6 +178,11 @@ int runCommand(const RunOptions& o) {
         t = s.time;
     }
     if (series) series->apply(t, data);
+    // A sampling grid finer than anyone can read would write rows for ever.
+    constexpr double kMaxSamples = 1e8;
+    if (o.every > 0 && (o.until - t) / o.every > kMaxSamples)
+        throw UsageError{"--every " + doubleToString(o.every) + " would write more than 100 million rows up to --until " +
+                         doubleToString(o.until)};
 
     // Output table.
     std::ofstream outFile;

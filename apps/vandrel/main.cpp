@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include "Commands.h"
+#include "Csv.h"
 #include "vandrel/vandrel.h"
 
 int main(int argc, char** argv) {
@@ -83,10 +84,10 @@ int main(int argc, char** argv) {
         if (*fmtCmd) return host::fmtCommand(scheme, out, checkOnly, force);
         if (*dumpCmd) return host::dumpCommand(scheme, overrides);
     } catch (const host::UsageError& e) {
-        std::cerr << "vandrel: " << e.message << "\n";
+        std::cerr << "vandrel: " << host::printable(e.message) << "\n";
         return host::kExitUsage;
     } catch (const std::exception& e) {
-        std::cerr << "vandrel: " << e.what() << "\n";
+        std::cerr << "vandrel: " << host::printable(e.what()) << "\n";
         return host::kExitError;
     }
     return host::kExitUsage;

@@ -109,8 +109,14 @@ public:
             if (!sameScalar(ta, tb)) lose(path);
             return;
         }
-        if (tb != LUA_TTABLE || depth > kMaxDepth || ++visits_ > kMaxVisits || onPath(lua_topointer(a_, -1)) ||
-            !lua_checkstack(a_, 8) || !lua_checkstack(b_, 8)) {
+        if (++visits_ > kMaxVisits) {
+            // Too big to compare: one report, and the walk ends.
+            lose(path);
+            exhausted_ = true;
+            return;
+        }
+        if (tb != LUA_TTABLE || depth > kMaxDepth || onPath(lua_topointer(a_, -1)) || !lua_checkstack(a_, 8) ||
+            !lua_checkstack(b_, 8)) {
             lose(path);
             return;
         }
@@ -133,7 +139,7 @@ public:
     zo::vector<LostEntry> take() { return std::move(lost_); }
 
 private:
-    bool full() const { return lost_.size() >= maxReport_; }
+    bool full() const { return exhausted_ || lost_.size() >= maxReport_; }
     bool onPath(const void* p) const { return std::find(path_.begin(), path_.end(), p) != path_.end(); }
 
     bool sameScalar(int ta, int tb) const {
@@ -172,6 +178,7 @@ private:
     lua_State* b_;
     std::size_t maxReport_;
     long visits_ = 0;
+    bool exhausted_ = false;
     zo::vector<const void*> path_;
     zo::vector<LostEntry> lost_;
 };

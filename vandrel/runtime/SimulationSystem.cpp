@@ -88,8 +88,13 @@ wSimulationSystem::wSimulationSystem(const wSimulationSystemScheme* scheme, Lua:
     data_ = data != nullptr ? data : allocateData(scheme_->getMemorySize());
     try {
         init_(loader);
-    } catch (...) {
+    } catch (const wSimulationException& e) {
         // The destructor will not run for a half-built system.
+        release_();
+        // Name the scheme's file: a block refusing its settings says only its own name.
+        if (scheme_->getFileName().empty()) throw;
+        throw wSimulationException(zo::string(e.what()) + " (while instantiating " + scheme_->getFileName() + ")");
+    } catch (...) {
         release_();
         throw;
     }
