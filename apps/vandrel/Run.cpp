@@ -222,7 +222,9 @@ int runCommand(const RunOptions& o) {
     bool settled = false;  // nothing pending and no input changes left
     double reached = t;
     for (;;) {
-        const double r = system->simulate(t);
+        double r = system->simulate(t);
+        // Due never (a block period of math.huge): as settled as -1.
+        if (r == std::numeric_limits<double>::infinity()) r = -1.0;
         // A delay is -1 (settled), or finite and not negative: anything else would be
         // taken for progress (NaN) or for settling (other negatives).
         if (r != -1.0 && !(r >= 0 && std::isfinite(r)))

@@ -200,7 +200,7 @@ TEST_F(SchemeFile, ConnectionsReachTheBuiltInBlocks) {
 
     // A wire into the command block does not exist.
     text.wire(t, "out", kCmds, "reset_diff_state");
-    EXPECT_EQ(runtimeFailure(text.text()), prefix() + "Block 0 has no output out");
+    EXPECT_EQ(runtimeFailure(text.text()), prefix() + "Block 0 has no output out (at simulation_scheme.connections[6])");
 }
 
 TEST_F(SchemeFile, MalformedFilesNameTheFileAndTheFault) {
@@ -359,13 +359,13 @@ TEST_F(SchemeFile, MessagesNameTheFileOnce) {
 TEST_F(SchemeFile, UnusedOverridesAreReportedWithTheirPlace) {
     SchemeText text;
     const int g = text.block("g", "TestGain", "k = {}");
-    const int c = text.block("c", "TestCounter", "dt = { value = 1 }");
+    text.block("c", "TestCounter", "dt = { value = 1 }");
+    text.block("d", "TestCounter", "dt = { value = 1 }");
     text.inputWire("v", LEAD_DOUBLE);
     text.wire(kIO, "v", g, "in");
-    (void)c;
     const std::string file = write("scheme.lua", text.text());
     Lua::Loader overrides;
-    overrides.loadString("overrides = { g = { k = 2, gain = 3 }, c = { dt = 5 }, gg = { k = 1 }, [1] = 4, x = 7 }",
+    overrides.loadString("overrides = { g = { k = 2, gain = 3 }, c = { dt = 5 }, gg = { k = 1 }, [1] = 4, x = {} }",
                          "overrides.lua", "overrides");
     wSimulationSystemScheme s;
     s.loadForRuntime(file, &overrides);
@@ -376,8 +376,13 @@ TEST_F(SchemeFile, UnusedOverridesAreReportedWithTheirPlace) {
                   " has no value",
                   "overrides.g.gain was not used: block g has no parameter gain",
                   "overrides.gg was not used: the scheme has no block named gg",
-                  "overrides.x was not used: it must be a table of parameter values",
+                  "overrides.x was not used: the scheme has no block named x",
               }));
+    // An entry for a block must be a table.
+    Lua::Loader notTable;
+    notTable.loadString("overrides = { g = { k = 2 }, d = 7 }", "o.lua", "overrides");
+    EXPECT_THAT(testutil::messageOf<wSimulationException>([&] { s.loadForRuntime(file, &notTable); }),
+                HasSubstr(": overrides.d failed to Lua::Loader::beginSubtable: expected a table, got number"));
     // The overrides loader is left where the host put it, and a clean load has no warnings.
     EXPECT_EQ(overrides.depth(), 0);
     Lua::Loader exact;

@@ -121,10 +121,8 @@ zo::vector<zo::string> unusedOverrides(wSimulationSystemScheme& scheme, Lua::Loa
             warnings.push_back(where + " was not used: the scheme has no block named " + blockName);
             continue;
         }
-        if (!overrides.tryBeginSubtable(blockName)) {
-            warnings.push_back(where + " was not used: it must be a table of parameter values");
-            continue;
-        }
+        // (An entry for a block that is no table has failed the load already.)
+        if (!overrides.tryBeginSubtable(blockName)) continue;
         zo::vector<zo::string> names;
         for (const wBlockParameterContainer& p : block->getParametersList()) names.push_back(p.getName());
         for (const zo::string& parameter : overrides.getKeys()) {
