@@ -4,6 +4,7 @@
 // Platform: strings and containers, exceptions, math, Lua tables and states, bit streams.
 #include "vandrel/platform/CoreMeta.h"
 #include "vandrel/platform/Exception.h"
+#include "vandrel/platform/LuaCompare.h"
 #include "vandrel/platform/LuaLoader.h"
 #include "vandrel/platform/LuaScript.h"
 #include "vandrel/platform/LuaSerializer.h"
@@ -28,6 +29,7 @@
 
 // Runtime: simulation system, ODE solvers, logger and exceptions.
 #include "vandrel/runtime/OdeSolver.h"
+#include "vandrel/runtime/ResourceLimits.h"
 #include "vandrel/runtime/SimulationException.h"
 #include "vandrel/runtime/SimulationLogger.h"
 #include "vandrel/runtime/SimulationSystem.h"

@@ -28,8 +28,15 @@ int runCommand(const RunOptions& options);
 // Loads a scheme for running with the `overrides` table of the given Lua file (if any).
 std::unique_ptr<wSimulationSystemScheme> loadSchemeForRun(const std::string& file, const std::string& overrides);
 int checkCommand(const std::string& scheme, const std::string& overrides);
+// Sets the library's limits on run-time allocations from --max-block-mib and
+// --max-scheme-mib (0 keeps a default). Throws UsageError for a value that is not a
+// finite positive number of MiB.
+void applyResourceLimits(double maxBlockMib, double maxSchemeMib);
 int blocksCommand(bool verbose);
-int fmtCommand(const std::string& scheme, const std::string& out, bool check);
+// Rewrites a scheme in canonical form. Refuses (exit 1, nothing written) when the rewrite
+// would lose content: a connection it cannot make, an entry the scheme model does not
+// know, comments; `force` writes anyway. The file is replaced only once fully written.
+int fmtCommand(const std::string& scheme, const std::string& out, bool check, bool force);
 int dumpCommand(const std::string& scheme, const std::string& overrides);
 // Writes the scheme as Graphviz dot text to standard output, or to `out`: the text for
 // .dot and .gv, drawn by Graphviz for .svg, .png and .pdf.

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "Csv.h"
 #include "vandrel/core/BlockParameter.h"
 #include "vandrel/core/Wire.h"
 #include "vandrel/scheme/SimulationSystemScheme.h"
@@ -73,22 +74,25 @@ std::vector<std::string> splitComponents(std::string_view text) {
     return parts;
 }
 
-std::vector<std::string> splitCsv(const std::string& line) {
-    std::vector<std::string> cells;
-    std::string cur;
-    for (char c : line) {
-        if (c == ',') {
-            cells.push_back(trim(cur));
-            cur.clear();
-        } else if (c != '\r') {
-            cur += c;
-        }
-    }
-    cells.push_back(trim(cur));
-    return cells;
-}
-
 }  // namespace
+
+// Integer, object-id and boolean inputs take whole numbers in their range (booleans 0 or 1):
+// converting anything else would invent a value.
+std::string InputSeries::checkCell(const Column& col, double v) {
+    if (col.component >= 0) return {};
+    switch (col.wire.type) {
+        case LEAD_INT:
+            if (!(v >= INT32_MIN && v <= INT32_MAX && v == std::trunc(v))) return "not a 32-bit integer: " + doubleToString(v);
+            return {};
+        case LEAD_OBJECT_ID:
+            if (!(v >= 0 && v <= UINT32_MAX && v == std::trunc(v))) return "not an object id: " + doubleToString(v);
+            return {};
+        case LEAD_BOOL:
+            if (v != 0.0 && v != 1.0) return "a boolean is 0 or 1, got " + doubleToString(v);
+            return {};
+        default: return {};
+    }
+}
 
 std::vector<WireSlot> schemeOutputs(const wSimulationSystemScheme& scheme) { return ioWires(scheme, true); }
 std::vector<WireSlot> schemeInputs(const wSimulationSystemScheme& scheme) { return ioWires(scheme, false); }
@@ -190,7 +194,10 @@ InputSeries::InputSeries(const std::string& fileName, const std::vector<WireSlot
         ++lineNo;
         if (!trim(line).empty()) break;
     }
-    const auto header = splitCsv(line);
+    std::string why;
+    const auto parsedHeader = splitCsvLine(line, &why);
+    if (!parsedHeader) fail(lineNo, why);
+    const std::vector<std::string>& header = *parsedHeader;
     if (header.empty() || header[0] != "time") fail(lineNo, "the first column must be \"time\"");
     for (std::size_t c = 1; c < header.size(); ++c) {
         const std::string& h = header[c];
@@ -209,13 +216,22 @@ InputSeries::InputSeries(const std::string& fileName, const std::vector<WireSlot
     while (std::getline(in, line)) {
         ++lineNo;
         if (trim(line).empty()) continue;
-        const auto cells = splitCsv(line);
+        const auto parsed = splitCsvLine(line, &why);
+        if (!parsed) fail(lineNo, why);
+        const std::vector<std::string>& cells = *parsed;
         if (cells.size() != header.size())
             fail(lineNo, "expected " + std::to_string(header.size()) + " values, got " + std::to_string(cells.size()));
         std::vector<double> row;
-        for (const std::string& cell : cells) {
+        for (std::size_t c = 0; c < cells.size(); ++c) {
+            const std::string& cell = cells[c];
             double v = 0;
             if (!parseDouble(cell, &v)) fail(lineNo, "not a number: \"" + cell + "\"");
+            // A time that is not finite would never be reached (NaN) or never be left.
+            if (c == 0 && !std::isfinite(v)) fail(lineNo, "the time must be a finite number, got \"" + cell + "\"");
+            if (c > 0) {
+                const std::string problem = checkCell(columns_[c - 1], v);
+                if (!problem.empty()) fail(lineNo, "column \"" + header[c] + "\": " + problem);
+            }
             row.push_back(v);
         }
         if (!times_.empty() && row[0] < times_.back()) fail(lineNo, "time goes backwards");
@@ -237,10 +253,10 @@ bool InputSeries::apply(double t, unsigned char* data) {
                 continue;
             }
             switch (col.wire.type) {
-                case LEAD_INT: writeWire<int>(data, col.wire.offset, static_cast<int>(std::lround(v))); break;
+                case LEAD_INT: writeWire<int>(data, col.wire.offset, static_cast<int>(v)); break;
                 case LEAD_BOOL: writeWire<bool>(data, col.wire.offset, v != 0.0); break;
                 case LEAD_DOUBLE: writeWire<double>(data, col.wire.offset, v); break;
-                case LEAD_OBJECT_ID: writeWire<unsigned>(data, col.wire.offset, static_cast<unsigned>(std::llround(v))); break;
+                case LEAD_OBJECT_ID: writeWire<unsigned>(data, col.wire.offset, static_cast<unsigned>(v)); break;
                 default: break;
             }
         }

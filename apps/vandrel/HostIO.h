@@ -41,7 +41,8 @@ std::string lowerExtension(const std::string& file);
 std::string writeValue(unsigned char* data, const WireSlot& w, std::string_view text);
 
 // A CSV time series of scheme inputs: a header "time,<column>..." whose columns name
-// input wires or their components ("v.x"), then rows of numbers with increasing time.
+// input wires or their components ("v.x"), then rows of numbers with increasing, finite
+// times; integer, object-id and boolean columns take whole numbers in their range.
 // Values hold from their row's time until the next row (zero-order hold).
 class InputSeries {
 public:
@@ -58,6 +59,9 @@ private:
         WireSlot wire;
         int component;  // -1 for the whole value, else the double index within the slot
     };
+    // Why `v` cannot go into the column, or empty.
+    static std::string checkCell(const Column& col, double v);
+
     std::vector<Column> columns_;
     std::vector<double> times_;
     std::vector<std::vector<double>> rows_;

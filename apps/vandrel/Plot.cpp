@@ -1,6 +1,8 @@
 #include "Plot.h"
 
 #include <algorithm>
+#include <cctype>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -15,15 +17,23 @@
 #include "vandrel/runtime/SimulationSystem.h"
 #include "vandrel/core/SimulationBlockDescriptor.h"
 #include "vandrel/scheme/SimulationSystemScheme.h"
+#include "Csv.h"
+#include "Files.h"
+#include "vandrel/core/BlockParameter.h"
 
 namespace host {
 
 namespace {
 
-// A gnuplot single-quoted string: quotes are doubled.
+// A gnuplot single-quoted string: quotes are doubled, and control characters (a newline
+// would end the command and start another) become '?'.
 std::string quoted(const std::string& s) {
     std::string q = "'";
-    for (char c : s) q += c == '\'' ? std::string("''") : std::string(1, c);
+    for (char c : s) {
+        if (c == '\'') q += "''";
+        else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) q += '?';
+        else q += c;
+    }
     return q + "'";
 }
 
@@ -138,23 +148,55 @@ void drawPlot(const std::string& csvFile, const std::vector<PlotColumn>& columns
     if (r.exitStatus != 0) throw std::runtime_error("gnuplot could not draw " + plotFile + ": " + printable(r.output));
 }
 
+
+std::string scopeFileName(std::string_view blockName) {
+    // Percent-escaping keeps the mapping one-to-one, so distinct blocks get distinct
+    // files; only characters that are plain in any file system pass unchanged.
+    constexpr std::size_t kMaxStem = 200;  // bytes; leaves room below NAME_MAX (255)
+    static const char* const hex = "0123456789ABCDEF";
+    std::string stem;
+    for (std::size_t i = 0; i < blockName.size(); ++i) {
+        const auto c = static_cast<unsigned char>(blockName[i]);
+        const bool plain = std::isalnum(c) != 0 || c == '_' || c == '-' || (c == '.' && i > 0) || (c == ' ' && i > 0);
+        if (plain) {
+            stem += static_cast<char>(c);
+        } else {
+            stem += '%';
+            stem += hex[c >> 4];
+            stem += hex[c & 15];
+        }
+    }
+    if (stem.empty()) stem = "%unnamed";
+    if (stem.size() > kMaxStem) stem.resize(kMaxStem);
+    return stem;
+}
+
 void writeScopeRecordings(const wSimulationSystem& system, const std::string& dir, int precision) {
     if (dir.empty()) return;
     std::filesystem::create_directories(dir);
+    std::set<std::string> used;
     for (int i = 0; i < system.getBlockCount(); ++i) {
         const auto* scope = dynamic_cast<const wBlockOscilloscope*>(system.getBlock(i));
         if (!scope) continue;
-        const std::string file = (std::filesystem::path(dir) / (scope->getDescriptor()->getName() + ".csv")).string();
-        std::ofstream out(file);
-        if (!out) throw std::runtime_error("Cannot write " + file);
+        // Names that only differ beyond the length limit (or were cut) get a counter.
+        const std::string stem = scopeFileName(scope->getDescriptor()->getName());
+        std::string name = stem + ".csv";
+        for (int k = 2; !used.insert(name).second; ++k) name = stem + "~" + std::to_string(k) + ".csv";
+        const std::string file = (std::filesystem::path(dir) / name).string();
+
+        std::FILE* out = openForWriting(file);
         const auto& names = scope->columnNames();
-        for (std::size_t c = 0; c < names.size(); ++c) out << (c ? "," : "") << names[c];
-        out << '\n';
-        for (int s = 0; s < scope->sampleCount(); ++s) {
-            const double* row = scope->sample(s);
-            for (int c = 0; c < scope->width(); ++c) out << (c ? "," : "") << formatNumber(row[c], precision);
-            out << '\n';
+        for (std::size_t c = 0; c < names.size(); ++c)
+            std::fprintf(out, "%s%s", c ? "," : "", csvField(std::string_view(names[c].data(), names[c].size())).c_str());
+        std::fputc('\n', out);
+        for (int k = 0; k < scope->sampleCount(); ++k) {
+            const double* row = scope->sample(k);
+            for (int c = 0; c < scope->width(); ++c)
+                std::fprintf(out, "%s%s", c ? "," : "", formatNumber(row[c], precision).c_str());
+            std::fputc('\n', out);
         }
+        const bool failed = std::ferror(out) != 0;
+        if (std::fclose(out) != 0 || failed) throw std::runtime_error("Cannot write " + file);
     }
 }
 

@@ -2,6 +2,7 @@
 // Output files beside the CSV table: plots drawn by gnuplot and oscilloscope recordings.
 #include <string>
 #include <vector>
+#include <string_view>
 
 class wSimulationSystem;
 class wSimulationSystemScheme;
@@ -34,8 +35,15 @@ std::vector<bool> heldOutputs(const wSimulationSystemScheme& scheme);
 void drawPlot(const std::string& csvFile, const std::vector<PlotColumn>& columns, const std::string& plotFile,
               const std::string& title);
 
-// Writes each oscilloscope block's recording to dir/<block name>.csv (nothing when
-// `dir` is empty), numbers as formatNumber writes them. Creates the directory when needed.
+// Writes each oscilloscope block's recording to dir/<file name>.csv (nothing when `dir` is
+// empty), the file name made from the block name by scopeFileName. Creates the directory
+// when needed; refuses to write through a symbolic link. Numbers as formatNumber writes them.
 void writeScopeRecordings(const wSimulationSystem& system, const std::string& dir, int precision = 0);
+
+// A file name stem for a block name that cannot leave the directory or surprise a shell:
+// letters, digits, '_', '-', and (not first) '.' and ' ' stay; every other byte, path
+// separators and control characters included, becomes %XX; an empty name is "%unnamed".
+// At most 200 bytes.
+std::string scopeFileName(std::string_view blockName);
 
 }  // namespace host

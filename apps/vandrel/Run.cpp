@@ -22,6 +22,8 @@
 #include <utility>
 
 #include "Commands.h"
+#include "Csv.h"
+#include "Files.h"
 #include "HostIO.h"
 #include "Plot.h"
 #include "vandrel/vandrel.h"
@@ -51,8 +53,14 @@ void writeState(const std::string& file, const StateFile& s) {
     if (!out) throw std::runtime_error("Cannot write state file: " + file);
 }
 
-StateFile readState(const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
+// Reads a state file for a scheme whose blob has `expected` bytes. Every field is checked
+// before it is used: the blob size against the file's real length and the scheme's size
+// (so a corrupt or hostile size never decides an allocation), both times for finiteness.
+StateFile readState(const std::string& file, std::size_t expected) {
+    std::ifstream in(file, std::ios::binary | std::ios::ate);
+    if (!in) throw std::runtime_error("Cannot open state file: " + file);
+    const std::streamoff length = in.tellg();
+    in.seekg(0);
     char magic[sizeof kStateMagic] = {};
     StateFile s;
     std::uint32_t size = 0;
@@ -62,6 +70,18 @@ StateFile readState(const std::string& file) {
     in.read(reinterpret_cast<char*>(&size), sizeof size);
     if (!in || std::memcmp(magic, kStateMagic, sizeof magic) != 0)
         throw std::runtime_error("Not a vandrel state file: " + file);
+    const std::streamoff header = sizeof magic + sizeof s.time + sizeof s.queueTime + sizeof size;
+    if (static_cast<std::streamoff>(size) > length - header)
+        throw std::runtime_error("Truncated state file: " + file + " (its header announces " + std::to_string(size) +
+                                 " bytes of state, the file holds " + std::to_string(length - header) + ")");
+    if (size != expected)
+        throw std::runtime_error("State file " + file + " holds " + std::to_string(size) +
+                                 " bytes of state, the scheme's state takes " + std::to_string(expected) +
+                                 " (was it saved from another scheme?)");
+    if (!std::isfinite(s.time) || !std::isfinite(s.queueTime))
+        throw std::runtime_error("Corrupt state file: " + file + " (time " + doubleToString(s.time) +
+                                 " s, queue time " + doubleToString(s.queueTime) +
+                                 " s; both must be finite)");
     s.blob.resize(size);
     in.read(reinterpret_cast<char*>(s.blob.data()), static_cast<std::streamsize>(size));
     if (!in) throw std::runtime_error("Truncated state file: " + file);
@@ -125,7 +145,11 @@ private:
 }  // namespace
 
 int runCommand(const RunOptions& o) {
-    if (o.every < 0 || o.until < 0) throw UsageError{"--every and --until must not be negative"};
+    // NaN passes a test for "not negative"; test for what is wanted instead.
+    for (const auto& [name, value] : {std::pair{"--until", o.until}, std::pair{"--every", o.every}})
+        if (!(value >= 0 && std::isfinite(value)))
+            throw UsageError{std::string(name) + " must be a finite number of seconds, not negative (got " +
+                             doubleToString(value) + ")"};
     if (!o.plot.empty()) checkPlotFile(o.plot);  // refuse a plot that cannot be drawn before running
     auto scheme = loadSchemeForRun(o.scheme, o.overrides);
     auto system = scheme->instantiate();
@@ -157,15 +181,21 @@ int runCommand(const RunOptions& o) {
     // Restored state: the run continues from the saved time.
     double t = 0.0;
     if (!o.stateIn.empty()) {
-        const StateFile s = readState(o.stateIn);
         const int expected = system->getSchemeStateDataSize();
-        if (expected < 0 || static_cast<std::size_t>(expected) != s.blob.size())
-            throw std::runtime_error("State file " + o.stateIn + " does not match scheme " + o.scheme);
+        if (expected < 0)
+            throw std::runtime_error("Scheme " + o.scheme + " has a discrete block without saveable state: " +
+                                     "it cannot restore " + o.stateIn);
+        const StateFile s = readState(o.stateIn, static_cast<std::size_t>(expected));
         system->setSchemeStateData(&s.blob);
         system->setSchemeQueueTime(s.queueTime);
         t = s.time;
     }
     if (series) series->apply(t, data);
+    // A sampling grid finer than anyone can read would write rows for ever.
+    constexpr double kMaxSamples = 1e8;
+    if (o.every > 0 && (o.until - t) / o.every > kMaxSamples)
+        throw UsageError{"--every " + doubleToString(o.every) + " would write more than 100 million rows up to --until " +
+                         doubleToString(o.until)};
 
     // Output table.
     std::ofstream outFile;
@@ -177,14 +207,14 @@ int runCommand(const RunOptions& o) {
     std::filesystem::path plotData;
     std::ofstream plotCopy;
     if (!o.plot.empty() && o.out.empty()) {
-        plotData = std::filesystem::temp_directory_path() / ("vandrel-plot-" + std::to_string(::getpid()) + ".csv");
+        plotData = makeScratchFile(scratchDirectory(), "vandrel-plot-", ".csv");
         plotCopy.open(plotData);
     }
     const ScratchFile scratch{plotData};
     TableWriter table(out, plotCopy.is_open() ? &plotCopy : nullptr);
     std::string header = "time";
     for (const auto& w : outputs)
-        for (const auto& c : columnNames(w)) header += "," + c;
+        for (const auto& c : columnNames(w)) header += "," + csvField(c);
     table.line(header);
 
     // The run: snapshots at the times the system reaches, rows per snapshot or per sample.
@@ -202,7 +232,14 @@ int runCommand(const RunOptions& o) {
     bool settled = false;  // nothing pending and no input changes left
     double reached = t;
     for (;;) {
-        const double r = system->simulate(t);
+        double r = system->simulate(t);
+        // Due never (a block period of math.huge): as settled as -1.
+        if (r == std::numeric_limits<double>::infinity()) r = -1.0;
+        // A delay is -1 (settled), or finite and not negative: anything else would be
+        // taken for progress (NaN) or for settling (other negatives).
+        if (r != -1.0 && !(r >= 0 && std::isfinite(r)))
+            throw std::runtime_error("The simulation returned an invalid delay (" + doubleToString(r) +
+                                     " s) at t = " + doubleToString(t) + " s");
         reached = r >= 0 ? t + r : t;
         std::string values;
         for (const auto& w : outputs) appendValues(values, data, w, o.precision);

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include "Commands.h"
+#include "Csv.h"
 #include "vandrel/vandrel.h"
 
 int main(int argc, char** argv) {
@@ -34,12 +35,25 @@ int main(int argc, char** argv) {
     runCmd->add_flag("--safe-scripts", safeScripts,
                      "Lua script blocks get only libraries that reach neither files nor the process");
 
+    // Memory limits for what a scheme file may make the host allocate (MiB; 0: default).
+    double maxBlockMib = 0, maxSchemeMib = 0;
+    auto addLimitOptions = [&](CLI::App* cmd) {
+        cmd->add_option("--max-block-mib", maxBlockMib,
+                        "Largest run-time allocation one block may ask for, in MiB (default 256)")
+            ->check(CLI::PositiveNumber);
+        cmd->add_option("--max-scheme-mib", maxSchemeMib,
+                        "Largest run-time allocation of the whole scheme, in MiB (default 1024)")
+            ->check(CLI::PositiveNumber);
+    };
+    addLimitOptions(runCmd);
+
     std::string scheme, overrides, out;
-    bool verbose = false, checkOnly = false;
+    bool verbose = false, checkOnly = false, force = false;
     auto* checkCmd = app.add_subcommand("check", "Load a scheme for running and report OK or the error");
     checkCmd->add_option("scheme", scheme, "Scheme file")->required();
     checkCmd->add_option("--overrides", overrides, "Lua file defining the table `overrides`");
     checkCmd->add_flag("--safe-scripts", safeScripts, "As for run: loading runs each script's chunk");
+    addLimitOptions(checkCmd);
 
     auto* blocksCmd = app.add_subcommand("blocks", "List the registered block classes");
     blocksCmd->add_flag("--verbose,-v", verbose, "Show each block's leads and parameters");
@@ -48,6 +62,9 @@ int main(int argc, char** argv) {
     fmtCmd->add_option("scheme", scheme, "Scheme file")->required();
     fmtCmd->add_option("-o,--out", out, "Write here instead of rewriting the file in place");
     fmtCmd->add_flag("--check", checkOnly, "Change nothing; exit 1 if the file is not in canonical form");
+    fmtCmd->add_flag("--force", force,
+                     "Rewrite even when the canonical form loses something (a connection that cannot be made, "
+                     "unknown entries, comments)");
 
     auto* dumpCmd = app.add_subcommand("dump", "Load a scheme for running and print its debug dump");
     dumpCmd->add_option("scheme", scheme, "Scheme file")->required();
@@ -80,17 +97,18 @@ int main(int argc, char** argv) {
             settings.safeScripts = true;
             Lua::setDefaultScriptSettings(settings);
         }
+        host::applyResourceLimits(maxBlockMib, maxSchemeMib);
         if (*runCmd) return host::runCommand(run);
         if (*checkCmd) return host::checkCommand(scheme, overrides);
         if (*blocksCmd) return host::blocksCommand(verbose);
-        if (*fmtCmd) return host::fmtCommand(scheme, out, checkOnly);
+        if (*fmtCmd) return host::fmtCommand(scheme, out, checkOnly, force);
         if (*dumpCmd) return host::dumpCommand(scheme, overrides);
         if (*graphCmd) return host::graphCommand(scheme, graphOut);
     } catch (const host::UsageError& e) {
-        std::cerr << "vandrel: " << e.message << "\n";
+        std::cerr << "vandrel: " << host::printable(e.message) << "\n";
         return host::kExitUsage;
     } catch (const std::exception& e) {
-        std::cerr << "vandrel: " << e.what() << "\n";
+        std::cerr << "vandrel: " << host::printable(e.what()) << "\n";
         return host::kExitError;
     }
     return host::kExitUsage;

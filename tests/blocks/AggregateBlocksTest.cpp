@@ -241,7 +241,9 @@ TEST(AggregateBlocks, ReadingErrors) {
                                             LEAD_DOUBLE));
         FAIL() << "loaded";
     } catch (const std::exception& e) {
-        EXPECT_THAT(e.what(), HasSubstr("name failed to Lua::Loader::getString"));
+        // The path names the missing element, and the message says why it is needed.
+        EXPECT_THAT(e.what(), HasSubstr("simulation_scheme.blocks[1].inputs[4].name failed to Lua::Loader::getString: "
+                                        "the inputs come in pairs, and element 3 has no weight after it"));
     }
     // A Sum input needs its coefficient.
     testutil::SchemeText s;

@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <deque>
+#include <vector>
 
 #include "core/CoreTestBlocks.h"
 
@@ -14,7 +16,7 @@ public:
     double step(double) override { return -1.0; }
 
     double d = 0;
-    bool b = false;
+    wStateFlag b = false;
     std::deque<double> queue;
     zo::string text;
     zo::string empty;
@@ -124,6 +126,70 @@ TEST(BlockState, ContainersRoundTrip) {
     EXPECT_EQ(StateBlock::masElemPtrByType(&source.text, STATE_STRING, 0), nullptr);
     EXPECT_EQ(StateBlock::masElemPtrByType(&source.ints, STATE_VEC_INT, 1),
               reinterpret_cast<unsigned char*>(&source.ints[1]));
+}
+
+TEST(BlockState, RestoredFlagsAreNormalisedAndPlainBytesStay) {
+    // Any byte may arrive in a blob; a flag must come out as a valid yes/no.
+    coretest::DiscDescriptor desc;
+    for (const unsigned char byte : {0x00, 0x01, 0x02, 0x80, 0xFF}) {
+        StateBlock target(&desc);
+        target.registerPlain();
+        std::vector<unsigned char> blob;
+        put(blob, 2.5);
+        blob.push_back(byte);
+        EXPECT_EQ(target.setBlockStateDataByPtr(blob.data()), 9);
+        EXPECT_EQ(static_cast<bool>(target.b), byte != 0) << int(byte);
+        // Saved again, the flag is 0 or 1, whatever byte came in.
+        EXPECT_EQ(blobOf(target).back(), byte != 0 ? 1 : 0) << int(byte);
+    }
+}
+
+TEST(BlockState, MeasuringABlobNeverReadsPastItsEnd) {
+    coretest::DiscDescriptor desc;
+    StateBlock block(&desc);
+    block.registerContainers();
+    // queue: 2 doubles; text: "ab"; empty: ""; ints: 1; vectors: none.
+    std::vector<unsigned char> blob;
+    put(blob, std::int32_t{2});
+    put(blob, 1.0);
+    put(blob, 2.0);
+    put(blob, std::int32_t{2});
+    blob.insert(blob.end(), {'a', 'b'});
+    put(blob, std::int32_t{0});
+    put(blob, std::int32_t{1});
+    put(blob, std::int32_t{7});
+    put(blob, std::int32_t{0});
+    const int full = static_cast<int>(blob.size());
+
+    struct Case {
+        const char* what;
+        std::size_t available;
+        int expected;
+    };
+    const Case cases[] = {
+        {"the whole blob", blob.size(), full},
+        {"with bytes to spare", blob.size() + 5, full},
+        {"one byte short", blob.size() - 1, -1},
+        {"cut inside a count", 2, -1},
+        {"cut inside the queue's elements", 12, -1},
+        {"nothing", 0, -1},
+    };
+    for (const Case& c : cases) {
+        // Copy exactly the available bytes so that the sanitizers see any overread.
+        std::vector<unsigned char> cut(blob.begin(), blob.begin() + static_cast<long>(std::min(c.available, blob.size())));
+        cut.resize(c.available);
+        EXPECT_EQ(block.measureStateData(cut.data(), cut.size()), c.expected) << c.what;
+    }
+
+    // A negative or huge count is refused without allocating anything for it.
+    for (const std::int32_t count : {-1, 0x7FFFFFFF}) {
+        std::vector<unsigned char> bad;
+        put(bad, count);
+        put(bad, 1.0);
+        EXPECT_EQ(block.measureStateData(bad.data(), bad.size()), -1) << count;
+    }
+    StateBlock empty(&desc);
+    EXPECT_EQ(empty.measureStateData(nullptr, 0), 0);
 }
 
 class TestDiffBlock : public wSimulationBlockDiff {

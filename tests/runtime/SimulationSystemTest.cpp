@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <limits>
 #include <utility>
 #include <vector>
 
@@ -516,4 +517,53 @@ TEST(RuntimeSystem, TracesSimulateCallsOnlyAtLevelThree) {
     wSimulationLogger::instance().setIndent(2);
     sys->simulate(0.25);
     EXPECT_EQ(log.text(), "  simulate (0.25)\n  done simulate (0.25)\n");
+}
+
+TEST(RuntimeSystem, TimesThatAreNotFiniteAreRefused) {
+    rt::Builder b;
+    b.add<CounterDescriptor>("c");
+    auto sys = b.run();
+    const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
+    for (const double t : {nan, inf, -inf}) {
+        // NaN would never let the counter become due; infinity would run it for ever.
+        EXPECT_THAT(testutil::messageOf<wSimulationException>([&] { sys->simulate(t); }),
+                    HasSubstr("simulate: the time must be a finite number of seconds, got "))
+            << t;
+        EXPECT_THAT(testutil::messageOf<wSimulationException>([&] { sys->setSchemeQueueTime(t); }),
+                    HasSubstr("setSchemeQueueTime: the time must be a finite number of seconds"))
+            << t;
+    }
+    EXPECT_TRUE(testblocks::trace().empty());
+    EXPECT_EQ(sys->getSchemeQueueTime(), 0.0);
+    EXPECT_DOUBLE_EQ(sys->simulate(0.0), 0.1);
+}
+
+TEST(RuntimeSystem, AStateBlobTooShortIsRefusedBeforeAnyBlockChanges) {
+    rt::Builder b;
+    b.add<CounterDescriptor>("a");
+    b.add<CounterDescriptor>("b");
+    auto sys = b.run();
+    sys->simulate(0.0);
+    zo::vector<unsigned char> saved;
+    ASSERT_TRUE(sys->getSchemeStateData(&saved));
+    ASSERT_EQ(saved.size(), 8u);
+
+    zo::vector<unsigned char> other(8, 0);
+    other[0] = 7;  // a: 7 steps; b: 0
+    for (std::size_t size : {0u, 3u, 7u}) {
+        zo::vector<unsigned char> cut(other.begin(), other.begin() + static_cast<long>(size));
+        EXPECT_THAT(testutil::messageOf<wSimulationException>([&] { sys->setSchemeStateData(&cut); }),
+                    HasSubstr("State data does not fit the scheme: block "))
+            << size;
+        zo::vector<unsigned char> now;
+        sys->getSchemeStateData(&now);
+        EXPECT_EQ(now, saved) << "a short blob changed the state (" << size << " bytes)";
+    }
+    // A longer blob is read as far as the blocks need, as before.
+    zo::vector<unsigned char> longer = other;
+    longer.resize(20, 0xAB);
+    sys->setSchemeStateData(&longer);
+    zo::vector<unsigned char> now;
+    sys->getSchemeStateData(&now);
+    EXPECT_EQ(now, other);
 }

@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "runtime/RuntimeTestUtil.h"
 #include "support/SchemeFiles.h"
 #include "vandrel/platform/LuaLoader.h"
@@ -9,6 +11,7 @@
 using testblocks::CounterDescriptor;
 using testblocks::GainDescriptor;
 using testblocks::IntegratorDescriptor;
+using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
@@ -111,6 +114,66 @@ TEST(RuntimeEuler, NonPositiveOrVanishingStepWithAPendingEventThrows) {
     m.sys->reset();
     m.euler->setH(0.25);
     EXPECT_EQ(m.sys->simulate(0.0), 0.5);
+}
+
+TEST(RuntimeEuler, ABadStepIsRefusedNotReturnedAsTheIntervalCovered) {
+    // Only continuous blocks: each call integrates one step of H and returns its length,
+    // which the host takes as the time to advance by.
+    const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
+    for (const double H : {nan, -0.01, inf, -inf}) {
+        rt::Builder b;
+        auto* i = b.add<IntegratorDescriptor>("i");
+        auto* g = b.add<GainDescriptor>("g");
+        b.euler(H);
+        b.inputWire("x0");
+        b.wire(i, "x", g, "in");
+        b.wire(g, "out", i, "in");
+        b.wire(b.io(), "x0", i, "x.initial");
+        auto sys = b.run();
+        EXPECT_THAT(testutil::messageOf<wSimulationException>([&] { sys->simulate(0.0); }),
+                    HasSubstr("Explicit Euler step H must be positive"))
+            << H;
+    }
+
+    // Asked directly, an interval that is negative or not finite is refused too.
+    Growth m(0.1, 0.5);
+    wSolverExplEuler solver(m.euler, m.sys.get());
+    for (const double h : {nan, -0.25, inf})
+        EXPECT_THAT(testutil::messageOf<wSimulationException>([&] { solver.advance(0.0, h); }),
+                    HasSubstr("Explicit Euler cannot integrate over h = "))
+            << h;
+    EXPECT_EQ(solver.advance(0.0, 0.25), 0.25);
+}
+
+TEST(RuntimeEuler, AStepThatCannotIntegrateIsRefusedAtLoadWithItsPlace) {
+    struct Case {
+        const char* H;      // Lua expression in the file
+        const char* shown;  // as the message prints it
+    };
+    const Case cases[] = {{"0/0", "nan"}, {"-0.01", "-0.01"}, {"math.huge", "inf"}, {"0", "0"}, {"-1/0", "-inf"}};
+    for (const Case& c : cases) {
+        testutil::SchemeText s;
+        const int i = s.block("i", "wBlockIntegratorDescriptor<double>");
+        const int k = s.block("k", "wBlockConstantsDescriptor", "y0 = { value = 1 }", "values = { { name = \"y0\", type = 1 } }");
+        s.solver(std::string("__type = \"wSolverExplEulerDescriptor\", H = ") + c.H);
+        s.inputWire("u", LEAD_DOUBLE);
+        s.outputWire("y", LEAD_DOUBLE);
+        s.wire(testutil::kIO, "u", i, "input");
+        s.wire(k, "y0", i, "output.initial");
+        s.wire(i, "output", testutil::kIO, "y");
+        const std::string file = testutil::writeFile(testutil::freshDir() / "scheme.lua", s.text());
+
+        wSimulationSystemScheme running;
+        EXPECT_THAT(testutil::messageOf<wSimulationException>([&] { running.loadForRuntime(file); }),
+                    AllOf(HasSubstr("Error while loading " + file +
+                                    ": simulation_scheme.solver.H must be a positive finite number of seconds, got "),
+                          HasSubstr(c.shown)))
+            << c.H;
+        // An editor still opens the file, so that the value can be fixed.
+        wSimulationSystemScheme edited;
+        zo::vector<int> discarded;
+        EXPECT_NO_THROW(edited.loadForEdit(file, discarded)) << c.H;
+    }
 }
 
 TEST(RuntimeEuler, DescriptorParametersCloneAndRegistration) {

@@ -200,7 +200,7 @@ TEST_F(SchemeFile, ConnectionsReachTheBuiltInBlocks) {
 
     // A wire into the command block does not exist.
     text.wire(t, "out", kCmds, "reset_diff_state");
-    EXPECT_EQ(runtimeFailure(text.text()), prefix() + "Block 0 has no output out");
+    EXPECT_EQ(runtimeFailure(text.text()), prefix() + "Block 0 has no output out (at simulation_scheme.connections[6])");
 }
 
 TEST_F(SchemeFile, MalformedFilesNameTheFileAndTheFault) {
@@ -224,14 +224,18 @@ TEST_F(SchemeFile, MalformedFilesNameTheFileAndTheFault) {
         return runtimeFailure(t.text());
     };
 
-    EXPECT_EQ(connection(0, "out", 2, "in", false), prefix() + "invalid input block");
-    EXPECT_EQ(connection(-1, "out", 7, "in", false), prefix() + "invalid input block");
-    EXPECT_EQ(connection(-1, "out", 0, "in", false), prefix() + "invalid output block");
-    EXPECT_EQ(connection(-667, "out", 0, "in", false), prefix() + "invalid output block");
-    EXPECT_EQ(connection(0, "nosuch", 1, "in", false), prefix() + "Block 0 has no output nosuch");
-    EXPECT_EQ(connection(0, "out", 0, "in", true), prefix() + "Block 0 has no output out");  // a wire, not a port
-    EXPECT_EQ(connection(kIO, "v", kIO, "zz", false), prefix() + "Block -666 has no input zz");
-    EXPECT_EQ(connection(1, "count", 0, "in", false), prefix() + "Cannot connect 1.count -> 0.in: different types");
+    // Each check's message, then the help that says which value is wrong and which entry.
+    const std::string use = " is not a block index; use 0 to 1, -666 for the scheme's I/O or -665 for its special commands";
+    const std::string at1 = " (at simulation_scheme.connections[1])";
+    EXPECT_EQ(connection(0, "out", 2, "in", false), prefix() + "invalid input block: 2" + use + at1);
+    EXPECT_EQ(connection(-1, "out", 7, "in", false), prefix() + "invalid input block: 7" + use + at1);
+    EXPECT_EQ(connection(-1, "out", 0, "in", false), prefix() + "invalid output block: -1" + use + at1);
+    EXPECT_EQ(connection(-667, "out", 0, "in", false), prefix() + "invalid output block: -667" + use + at1);
+    EXPECT_EQ(connection(0, "nosuch", 1, "in", false), prefix() + "Block 0 has no output nosuch" + at1);
+    EXPECT_EQ(connection(0, "out", 0, "in", true), prefix() + "Block 0 has no output out" + at1);  // a wire, not a port
+    EXPECT_EQ(connection(kIO, "v", kIO, "zz", false), prefix() + "Block -666 has no input zz" + at1);
+    EXPECT_EQ(connection(1, "count", 0, "in", false),
+              prefix() + "Cannot connect 1.count -> 0.in: different types" + at1);
     EXPECT_THAT(runtimeFailure(withConnection(R"({ output_block = 0, input_block = 1, input_lead = "x", port = false })")),
                 HasSubstr("output_lead failed to Lua::Loader::getString"));
     EXPECT_THAT(runtimeFailure(withConnection(R"({ output_block = 0, output_lead = "out", input_block = 0, input_lead = "in" })")),
@@ -240,7 +244,8 @@ TEST_F(SchemeFile, MalformedFilesNameTheFileAndTheFault) {
     SchemeText twice = base();
     twice.wire(kIO, "v", 0, "in");
     twice.wire(kIO, "v", 0, "in");
-    EXPECT_EQ(runtimeFailure(twice.text()), prefix() + "Cannot connect -666.v -> 0.in: too many input connections");
+    EXPECT_EQ(runtimeFailure(twice.text()), prefix() + "Cannot connect -666.v -> 0.in: too many input connections"
+                                                        " (at simulation_scheme.connections[2])");
 
     SchemeText leads = base();
     leads.inputWire("v", LEAD_INT);
@@ -306,11 +311,14 @@ TEST_F(SchemeFile, EditingLoadSkipsConnectionsItCannotMake) {
         testutil::LogCapture log(LOG_WARNINGS);
         s.loadForEdit(file, discarded);
         EXPECT_EQ(log.text(),
-                  "Discarding connection: invalid input block\n"
-                  "Discarding connection: Cannot connect 0.count -> 2.in: different types\n"
-                  "Discarding connection: Cannot connect -666.v -> 2.in: too many input connections\n"
-                  "Discarding connection: Block 1 has no input nosuch\n"
-                  "Discarding connection: Block 0 has no input in\n");
+                  "Discarding connection: invalid input block: 3 is not a block index; use 0 to 2, -666 for the"
+                  " scheme's I/O or -665 for its special commands (at simulation_scheme.connections[2])\n"
+                  "Discarding connection: Cannot connect 0.count -> 2.in: different types"
+                  " (at simulation_scheme.connections[4])\n"
+                  "Discarding connection: Cannot connect -666.v -> 2.in: too many input connections"
+                  " (at simulation_scheme.connections[5])\n"
+                  "Discarding connection: Block 1 has no input nosuch (at simulation_scheme.connections[6])\n"
+                  "Discarding connection: Block 0 has no input in (at simulation_scheme.connections[7])\n");
     }
     EXPECT_EQ(discarded, (zo::vector<int>{42, 1, 3, 4, 5, 6}));
     ASSERT_EQ(s.getConnections().size(), 2u);
@@ -327,6 +335,77 @@ TEST_F(SchemeFile, EditingLoadSkipsConnectionsItCannotMake) {
     EXPECT_EQ(quiet.text(), "");
     EXPECT_EQ(again, (zo::vector<int>{1, 3, 4, 5, 6}));
     EXPECT_EQ(s.getBlocksCount(), 3);  // a reload replaces the content
+}
+
+TEST_F(SchemeFile, MessagesNameTheFileOnce) {
+    // The Lua loader's own messages name the file too; the load's prefix says it once.
+    struct Case {
+        const char* text;
+        const char* expected;  // after the prefix
+    };
+    const Case cases[] = {
+        {"simulation_scheme = {\n  blocks = ", "line 2: unexpected symbol near '<eof>'"},
+        {"other = {}", "global table simulation_scheme is not defined"},
+        {"simulation_scheme = 5", "global simulation_scheme is a number, expected a table"},
+        {"x = {} + 1", "line 1: attempt to perform arithmetic on a table value"},
+    };
+    for (const Case& c : cases) EXPECT_EQ(runtimeFailure(c.text), prefix() + c.expected) << c.text;
+    const std::string missing = path("missing.lua");
+    wSimulationSystemScheme s;
+    EXPECT_EQ(testutil::messageOf([&] { s.loadForRuntime(missing); }),
+              "Error while loading " + missing + ": Cannot open file");
+}
+
+TEST_F(SchemeFile, UnusedOverridesAreReportedWithTheirPlace) {
+    SchemeText text;
+    const int g = text.block("g", "TestGain", "k = {}");
+    text.block("c", "TestCounter", "dt = { value = 1 }");
+    text.block("d", "TestCounter", "dt = { value = 1 }");
+    text.inputWire("v", LEAD_DOUBLE);
+    text.wire(kIO, "v", g, "in");
+    const std::string file = write("scheme.lua", text.text());
+    Lua::Loader overrides;
+    overrides.loadString("overrides = { g = { k = 2, gain = 3 }, c = { dt = 5 }, gg = { k = 1 }, [1] = 4, x = {} }",
+                         "overrides.lua", "overrides");
+    wSimulationSystemScheme s;
+    s.loadForRuntime(file, &overrides);
+    // g.k is taken from the overrides; everything else would be silently ignored.
+    EXPECT_EQ(testing::PrintToString(s.getLoadWarnings()),
+              testing::PrintToString(zo::vector<zo::string>{
+                  "overrides.c.dt was not used: an override only fills a parameter whose entry in the scheme file"
+                  " has no value",
+                  "overrides.g.gain was not used: block g has no parameter gain",
+                  "overrides.gg was not used: the scheme has no block named gg",
+                  "overrides.x was not used: the scheme has no block named x",
+              }));
+    // An entry for a block must be a table.
+    Lua::Loader notTable;
+    notTable.loadString("overrides = { g = { k = 2 }, d = 7 }", "o.lua", "overrides");
+    EXPECT_THAT(testutil::messageOf<wSimulationException>([&] { s.loadForRuntime(file, &notTable); }),
+                HasSubstr(": overrides.d failed to Lua::Loader::beginSubtable: expected a table, got number"));
+    // The overrides loader is left where the host put it, and a clean load has no warnings.
+    EXPECT_EQ(overrides.depth(), 0);
+    Lua::Loader exact;
+    exact.loadString("overrides = { g = { k = 2 } }", "exact.lua", "overrides");
+    s.loadForRuntime(file, &exact);
+    EXPECT_TRUE(s.getLoadWarnings().empty());
+}
+
+TEST_F(SchemeFile, ErrorsWhileInstantiatingNameTheFile) {
+    SchemeText text;
+    const int scope = text.block("scope", "wBlockOscilloscopeDescriptor", "dt = { value = 1 }, capacity = { value = 5 }");
+    text.inputWire("v", LEAD_DOUBLE);
+    text.wire(kIO, "v", scope, "input1");
+    const std::string file = write("scheme.lua", text.text());
+    wSimulationSystemScheme s;
+    s.loadForRuntime(file);
+    EXPECT_EQ(s.getFileName(), file);
+    // Changed after the load, the setting is refused only when the block is made.
+    wParameterList params = s.getBlockByName("scope")->getParametersList();
+    for (auto& p : params)
+        if (p.getName() == "capacity") p.getProxy()->fromString("0");
+    EXPECT_EQ(testutil::messageOf<wSimulationException>([&] { s.instantiate(); }),
+              "Oscilloscope scope: \"capacity\" must be at least 1 (while instantiating " + file + ")");
 }
 
 TEST_F(SchemeFile, SaveFailureNamesTheFile) {

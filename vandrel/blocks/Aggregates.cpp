@@ -218,8 +218,13 @@ void wBlockPairedInputsDescriptor<T, Second>::serialize(wBlockSerializer& s) {
     loader->beginArray();
     while (loader->nextArray()) {
         inputs_.push_back({loader->getString("name"), wLeadTypeOf<T>::value});
-        // No test for a further element: without one, this reads "name" of the array.
-        loader->nextArray();
+        const int first = loader->arrayIndex();
+        if (!loader->nextArray()) {
+            // The loader is back on the array: name the missing partner element itself.
+            throw Lua::LoaderException(loader->formatPath(first + 1) + ".name failed to Lua::Loader::getString: " +
+                                       "the inputs come in pairs, and element " + std::to_string(first) +
+                                       " has no " + (Second == LEAD_INT ? "weight" : "enable") + " after it");
+        }
         inputs_.push_back({loader->getString("name"), Second});
     }
     loader->endSubtable();

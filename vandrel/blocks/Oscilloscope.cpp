@@ -1,5 +1,6 @@
 #include "vandrel/blocks/Oscilloscope.h"
 
+#include <algorithm>
 #include <string>
 
 #include "vandrel/core/Wire.h"
@@ -46,10 +47,7 @@ wBlockOscilloscopeDescriptor::wBlockOscilloscopeDescriptor() : inputs_{{"input1"
 
 std::unique_ptr<wSimulationBlockDisc> wBlockOscilloscopeDescriptor::create(Lua::Loader*,
                                                                            wSimulationSystem* system) const {
-    // Written so that NaN fails too.
-    if (!(dt.get() > 0)) throw wSimulationException("Oscilloscope " + getName() + ": \"dt\" must be positive");
-    if (capacity.get() < 1)
-        throw wSimulationException("Oscilloscope " + getName() + ": \"capacity\" must be at least 1");
+    checkParameters_();
     checkInputs_(inputs_);
     return std::make_unique<wBlockOscilloscope>(this, system);
 }
@@ -74,6 +72,23 @@ void wBlockOscilloscopeDescriptor::serialize(wBlockSerializer& s) {
         checkInputs_(inputs);
         inputs_ = std::move(inputs);
     }
+    // For running, bad settings are refused while the file is at hand to name.
+    if (s.isRuntime()) checkParameters_();
+}
+
+void wBlockOscilloscopeDescriptor::checkParameters_() const {
+    // Written so that NaN fails too.
+    if (!(dt.get() > 0)) throw wSimulationException("Oscilloscope " + getName() + ": \"dt\" must be positive");
+    if (capacity.get() < 1)
+        throw wSimulationException("Oscilloscope " + getName() + ": \"capacity\" must be at least 1");
+}
+
+std::uint64_t wBlockOscilloscopeDescriptor::getRuntimeAllocationSize() const {
+    std::uint64_t columns = 1;
+    for (const wLeadDescription& lead : inputs_) columns += static_cast<std::uint64_t>(columnsOf(lead.type));
+    const auto samples = static_cast<std::uint64_t>(std::max(capacity.get(), 0));
+    // Both factors are below 2^32, so the product cannot wrap.
+    return samples * columns * sizeof(double);
 }
 
 void wBlockOscilloscopeDescriptor::setInputs(const wLeadList& inputs) {

@@ -40,8 +40,11 @@ public:
     // "Oscilloscope <name>: \"capacity\" must be at least 1".
     std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
     wParameterList getParametersList() override;  // "dt", "capacity"
-    // The base entry, then "inputs"; reading refuses inputs that cannot be recorded.
+    // The base entry, then "inputs"; reading refuses inputs that cannot be recorded, and
+    // a load for running refuses a "dt" or "capacity" that create would refuse.
     void serialize(wBlockSerializer& s) override;
+    // The ring buffer: capacity x (1 + recorded columns) doubles.
+    std::uint64_t getRuntimeAllocationSize() const override;
 
     const wLeadList& getInputs() const { return inputs_; }
     // Replaces the inputs; throws for an unrecordable type or a repeated name.
@@ -55,6 +58,7 @@ protected:
 
 private:
     void checkInputs_(const wLeadList& inputs) const;
+    void checkParameters_() const;
 
     wLeadList inputs_;  // the recorded wires
 };

@@ -156,8 +156,8 @@ private:
     const wBlockGo2doubleOntimerDescriptor* d_;  // not owned
     wInputPort<bool> activatePort_;             // keeps the last value only
     double current_ = 0.0;                      // value written to "output"
-    bool firstUpdate_ = true;                   // the next step is the first one
-    bool active_;                               // moving; once set, never cleared
+    wStateFlag firstUpdate_ = true;             // the next step is the first one
+    wStateFlag active_;                         // moving; once set, never cleared
 };
 
 // ---- Flag cont. signal by timer
@@ -206,7 +206,7 @@ private:
     const wBlockFlagOnSignalTimerDescriptor* d_;  // not owned
     wInputPortImpl<bool, wBlockFlagOnSignalTimer> activatePort_;
     wOutputPort<bool> flagPort_;  // "timer_flag_p"
-    bool activated_ = false;      // timing the signal
-    bool raised_ = false;         // the flag is up; never lowered
+    wStateFlag activated_ = false;  // timing the signal
+    wStateFlag raised_ = false;     // the flag is up; never lowered
     double elapsed_ = 0.0;        // time (s) the signal has held the control value
 };

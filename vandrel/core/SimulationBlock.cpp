@@ -1,5 +1,6 @@
 #include "vandrel/core/SimulationBlock.h"
 
+#include <cstdint>
 #include <cstring>
 #include <type_traits>
 
@@ -53,6 +54,11 @@ constexpr int kCountBytes = static_cast<int>(sizeof(std::int32_t));
 void wSimulationBlockDisc::regVar(void* ptr, int size) {
     stateDataPtrs_.push_back(ptr);
     stateDataKinds_.push_back(size);
+}
+
+void wSimulationBlockDisc::regVar(wStateFlag& flag) {
+    regVar(&flag.byte_, 1);
+    stateFlags_.push_back(&flag);
 }
 
 void wSimulationBlockDisc::regContainer(void* container, int kind) {
@@ -169,5 +175,29 @@ int wSimulationBlockDisc::setBlockStateDataByPtr(const unsigned char* in) {
             }
         });
     }
+    for (wStateFlag* flag : stateFlags_) flag->byte_ = flag->byte_ != 0 ? 1 : 0;
     return static_cast<int>(in - start);
+}
+
+int wSimulationBlockDisc::measureStateData(const unsigned char* in, std::size_t available) const {
+    std::size_t used = 0;
+    for (std::size_t i = 0; i < stateDataPtrs_.size(); ++i) {
+        const int kind = stateDataKinds_[i];
+        std::size_t need = 0;
+        if (kind >= 0) {
+            need = static_cast<std::size_t>(kind);
+        } else if (masSizeByType(-kind) > 0) {
+            if (available - used < static_cast<std::size_t>(kCountBytes)) return -1;
+            std::int32_t count = 0;
+            std::memcpy(&count, in + used, sizeof count);
+            if (count < 0) return -1;
+            used += kCountBytes;
+            need = static_cast<std::size_t>(count) * static_cast<std::size_t>(masSizeByType(-kind));
+        }
+        if (available - used < need) return -1;
+        used += need;
+    }
+    // The blob of a single block is addressed with int sizes.
+    if (used > static_cast<std::size_t>(INT32_MAX)) return -1;
+    return static_cast<int>(used);
 }

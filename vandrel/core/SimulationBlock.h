@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <deque>
 #include <string_view>
+#include <type_traits>
 
 #include <boost/container/small_vector.hpp>
 
@@ -72,6 +73,24 @@ enum eStateContainerKind : std::int32_t {
     STATE_STRING = 12,
 };
 
+// A yes/no member of a block's registered state. It is one plain byte rather than a bool:
+// restoring copies bytes from a blob, and a bool holding anything but 0 or 1 is undefined
+// behaviour to read. Any non-zero byte reads as true; restoring normalises it to 1.
+class wStateFlag {
+public:
+    wStateFlag(bool value = false) : byte_(value ? 1 : 0) {}  // NOLINT: converts like a bool
+    wStateFlag& operator=(bool value) {
+        byte_ = value ? 1 : 0;
+        return *this;
+    }
+    operator bool() const { return byte_ != 0; }  // NOLINT: reads like a bool
+
+private:
+    friend class wSimulationBlockDisc;
+    std::uint8_t byte_;
+};
+static_assert(sizeof(wStateFlag) == 1 && std::is_trivially_copyable_v<wStateFlag>);
+
 class wSimulationBlockDisc : public wSimulationBlock {
 public:
     wSimulationBlockDisc(const wSimulationBlockDiscDescriptor* descriptor, wSimulationSystem* system)
@@ -89,8 +108,14 @@ public:
     // container's int32 element count followed by its elements. Size -1: nothing registered.
     virtual int getBlockStateDataSize() const;
     virtual void getBlockStateData(unsigned char* out) const;
-    // Reads a blob written by the same kind of block; returns the bytes consumed.
+    // Reads a blob written by the same kind of block; returns the bytes consumed. Flags are
+    // normalised to 0 or 1. The blob must hold what the registry needs: check it first
+    // with measureStateData when it comes from outside.
     virtual int setBlockStateDataByPtr(const unsigned char* in);
+    // The bytes that setBlockStateDataByPtr would consume from `in`, reading no further
+    // than `available` bytes; -1 when the blob is too short for the registered state or
+    // holds a negative element count. Size 0 when nothing is registered.
+    virtual int measureStateData(const unsigned char* in, std::size_t available) const;
     // Registers the state variables, once, right after construction.
     virtual void registerStateData() {}
 
@@ -103,8 +128,11 @@ protected:
     template <class T>
     void regVar(T& v) {
         static_assert(std::is_trivially_copyable_v<T>);
+        static_assert(!std::is_same_v<T, bool>, "register yes/no state as wStateFlag, never as bool");
         regVar(&v, static_cast<int>(sizeof(T)));
     }
+    // A flag: one byte in the blob, normalised to 0 or 1 when restored.
+    void regVar(wStateFlag& flag);
     void regStr(zo::string* s) { regContainer(s, STATE_STRING); }
     void regContainer(void* container, int kind);
     void regVec(zo::vector<unsigned char>& v) { regContainer(&v, STATE_VEC_BYTE); }
@@ -128,4 +156,5 @@ protected:
     wSimulationSystem* system_;  // not owned: the system that owns this block
     boost::container::small_vector<void*, 8> stateDataPtrs_;
     boost::container::small_vector<std::int32_t, 8> stateDataKinds_;  // size >= 0, or -kind
+    boost::container::small_vector<wStateFlag*, 4> stateFlags_;      // registered flags, normalised on restore
 };

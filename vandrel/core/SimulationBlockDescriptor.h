@@ -52,6 +52,11 @@ public:
     virtual void debug_dump() const;
     // The scheme nested in a subsystem block; null for every other block.
     virtual wSimulationSystemScheme* getNestedScheme() const { return nullptr; }
+    // Bytes the runtime block made from this descriptor will allocate for its own use,
+    // as chosen by the scheme file (buffers sized by parameters), so that a load can
+    // refuse what goes over the host's limits (see ResourceLimits.h). Small fixed-size
+    // members need not be counted; 0 by default.
+    virtual std::uint64_t getRuntimeAllocationSize() const { return 0; }
 
     const zo::string& getName() const { return name_; }
     void setName(const zo::string& name) { name_ = name; }

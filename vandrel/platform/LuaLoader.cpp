@@ -5,6 +5,7 @@
 // through the panic handler. So no Lua error ever unwinds through these C++ frames.
 #include "vandrel/platform/LuaLoader.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <memory>
@@ -416,6 +417,22 @@ bool Loader::hasEntry_(const Key& key) const {
     const bool present = !lua_isnil(L_, -1);
     lua_pop(L_, 1);
     return present;
+}
+
+zo::vector<zo::string> Loader::getKeys() const {
+    zo::vector<zo::string> keys;
+    if (frames_.empty()) return keys;
+    lua_pushnil(L_);
+    while (lua_next(L_, -2) != 0) {
+        lua_pop(L_, 1);
+        // Only read a key that is a string already: converting would break the walk.
+        if (lua_type(L_, -1) != LUA_TSTRING) continue;
+        std::size_t n = 0;
+        const char* text = lua_tolstring(L_, -1, &n);
+        keys.emplace_back(text, n);
+    }
+    std::sort(keys.begin(), keys.end());
+    return keys;
 }
 
 bool Loader::hasEntry(std::string_view key) const { return hasEntry_(key_(key)); }

@@ -71,6 +71,8 @@ public:
 
     bool hasEntry(std::string_view key) const;
     bool hasEntry(int index) const;
+    // The string keys of the current table, sorted; keys of other types are left out.
+    zo::vector<zo::string> getKeys() const;
 
     // Typed getters: throw LoaderException "<path> failed to Lua::Loader::getX: <reason>"
     // when the entry is missing or of another type. Integers must be whole numbers in range.

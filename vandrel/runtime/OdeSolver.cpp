@@ -1,5 +1,7 @@
 #include "vandrel/runtime/OdeSolver.h"
 
+#include <cmath>
+
 #include "vandrel/platform/LuaLoader.h"
 #include "vandrel/runtime/SimulationException.h"
 
@@ -14,6 +16,14 @@ void wOdeSolverDescriptor::load(Lua::Loader* loader) {
 }
 
 wParameterList wOdeSolverDescriptor::getParametersList() { return {}; }
+
+void wOdeSolverDescriptor::validate(const zo::string&) const {}
+
+void requirePositiveFiniteStep(double value, const zo::string& where) {
+    // Written so that NaN fails too.
+    if (value > 0 && std::isfinite(value)) return;
+    throw wSimulationException(where + " must be a positive finite number of seconds, got " + doubleToString(value));
+}
 
 // ---- Registry
 

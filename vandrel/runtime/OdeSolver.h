@@ -28,7 +28,15 @@ public:
     virtual wParameterList getParametersList();
     // The registered kind name, written as "__type".
     virtual const zo::string& getTypeName() const = 0;
+    // Refuses parameter values the solver cannot run with; called when a scheme is loaded
+    // for running. `where` is the solver table's path in the file ("simulation_scheme.solver"),
+    // so messages can point at the offending entry. The base accepts everything.
+    virtual void validate(const zo::string& where) const;
 };
+
+// Throws wSimulationException unless `value` is a positive finite number of seconds:
+// "<where> must be a positive finite number of seconds, got <value>".
+void requirePositiveFiniteStep(double value, const zo::string& where);
 
 class wOdeSolver {
 public:

@@ -89,8 +89,13 @@ wSimulationSystem::wSimulationSystem(const wSimulationSystemScheme* scheme, Lua:
     data_ = data != nullptr ? data : allocateData(scheme_->getMemorySize());
     try {
         init_(loader);
-    } catch (...) {
+    } catch (const wSimulationException& e) {
         // The destructor will not run for a half-built system.
+        release_();
+        // Name the scheme's file: a block refusing its settings says only its own name.
+        if (scheme_->getFileName().empty()) throw;
+        throw wSimulationException(zo::string(e.what()) + " (while instantiating " + scheme_->getFileName() + ")");
+    } catch (...) {
         release_();
         throw;
     }
@@ -382,6 +387,9 @@ void wSimulationSystem::queuePop_() {
 double wSimulationSystem::getSchemeQueueTime() const { return queue_.empty() ? 0.0 : queue_.front().time; }
 
 void wSimulationSystem::setSchemeQueueTime(double t) {
+    if (!std::isfinite(t))
+        throw wSimulationException("setSchemeQueueTime: the time must be a finite number of seconds, got " +
+                                   doubleToString(t));
     // All equal now: the order by index that the heap already has stays valid.
     for (QueueEntry& e : queue_) e.time = t;
     for (wSimulationSystem* child : children_) child->setSchemeQueueTime(t);
@@ -437,6 +445,10 @@ void wSimulationSystem::reset() {
 }
 
 double wSimulationSystem::simulate(double T) {
+    // A time that is not finite would never let an event become due (NaN) or would run
+    // every event there will ever be (infinity).
+    if (!std::isfinite(T))
+        throw wSimulationException("simulate: the time must be a finite number of seconds, got " + doubleToString(T));
     auto& log = wSimulationLogger::instance();
     if (log.enabled(3)) log << wSimulationLogger::Indenter() << "simulate (" << T << ")" << std::endl;
 
@@ -609,7 +621,35 @@ void wSimulationSystem::getSchemeStateDataToPtr(unsigned char* out) const {
     }
 }
 
-void wSimulationSystem::setSchemeStateData(const zo::vector<unsigned char>* in) { setSchemeStateDataByPtr(in->data()); }
+int wSimulationSystem::measureSchemeStateData(const unsigned char* in, std::size_t available) const {
+    std::size_t pos = 0;
+    for (const wSimulationBlockDisc* b : discrete_) {
+        if (!b->blockHasStateData()) continue;
+        const int n = b->measureStateData(in + pos, available - pos);
+        if (n < 0) return -1;
+        pos += static_cast<std::size_t>(n);
+    }
+    return static_cast<int>(pos);
+}
+
+void wSimulationSystem::setSchemeStateData(const zo::vector<unsigned char>* in) {
+    if (getSchemeStateDataSize() == -1) return;
+    // A longer blob is accepted as it always was; one too short for what the blocks read
+    // (their element counts included) is refused before any block changes.
+    const std::size_t size = in != nullptr ? in->size() : 0;
+    const unsigned char* bytes = in != nullptr ? in->data() : nullptr;
+    std::size_t pos = 0;
+    for (const wSimulationBlockDisc* b : discrete_) {
+        if (!b->blockHasStateData()) continue;
+        const int n = b->measureStateData(bytes + pos, size - pos);
+        if (n < 0)
+            throw wSimulationException("State data does not fit the scheme: block " + nameOf(b->getDescriptor()) +
+                                       " needs more than the " + std::to_string(size - pos) + " bytes left of " +
+                                       std::to_string(size));
+        pos += static_cast<std::size_t>(n);
+    }
+    setSchemeStateDataByPtr(bytes);
+}
 
 int wSimulationSystem::setSchemeStateDataByPtr(const unsigned char* in) {
     if (getSchemeStateDataSize() == -1) return 0;

@@ -35,6 +35,7 @@ public:
     static unsigned char* allocateData(int size);
 
     // Advances to scheme time T; returns the delay until the next call is needed, or -1.0.
+    // Throws for a T that is not finite.
     double simulate(double T);
     // Empties the schedule, marks every stateless block dirty, zeroes continuous state,
     // resets every discrete block and makes each due at time 0.
@@ -62,12 +63,13 @@ public:
     void calcDiffRhs(double t, double* dy);
 
     // Time of the earliest scheduled discrete block (0.0 when none); setting it moves every
-    // scheduled block to t (ties then go by discrete index).
+    // scheduled block to t (ties then go by discrete index); t must be finite.
     double getSchemeQueueTime() const;
     void setSchemeQueueTime(double t);
 
     // Discrete state blob: the concatenated state blobs of the discrete blocks. Size -1
-    // (and no blob) as soon as one discrete block has no saveable state.
+    // (and no blob) as soon as one discrete block has no saveable state. Restoring throws,
+    // changing nothing, when the blob is shorter than the blocks' state needs.
     int getSchemeStateDataSize() const;
     bool getSchemeStateData(zo::vector<unsigned char>* out) const;
     void setSchemeStateData(const zo::vector<unsigned char>* in);
@@ -76,6 +78,9 @@ public:
     // bytes it consumed.
     void getSchemeStateDataToPtr(unsigned char* out) const;
     int setSchemeStateDataByPtr(const unsigned char* in);
+    // The bytes a blob at `in` of `available` bytes holds for this system's blocks, or -1
+    // when it is too short for what they would read.
+    int measureSchemeStateData(const unsigned char* in, std::size_t available) const;
     // Kept for interface compatibility; does nothing.
     void getInputData(zo::vector<unsigned char>* out) const;
 

@@ -1,6 +1,7 @@
 #include "vandrel/runtime/SolverExplEuler.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "vandrel/runtime/SimulationException.h"
 #include "vandrel/runtime/SimulationSystem.h"
@@ -26,6 +27,8 @@ wParameterList wSolverExplEulerDescriptor::getParametersList() {
     return list;
 }
 
+void wSolverExplEulerDescriptor::validate(const zo::string& where) const { requirePositiveFiniteStep(getH(), where + ".H"); }
+
 // ---- Solver
 
 wSolverExplEuler::wSolverExplEuler(const wSolverExplEulerDescriptor* descriptor, wSimulationSystem* system)
@@ -33,10 +36,16 @@ wSolverExplEuler::wSolverExplEuler(const wSolverExplEulerDescriptor* descriptor,
 
 double wSolverExplEuler::advance(double T, double h) {
     const double H = static_cast<const wSolverExplEulerDescriptor*>(descriptor_)->getH();
+    // H = 0 with h = 0 covers nothing and says so. Any other interval must be finite and
+    // positive, and covering it takes a finite positive step: a bad value is refused
+    // here, never handed back as if it had been covered.
+    if (h == 0.0 && H == 0.0) return 0.0;
+    if (h != 0.0 && !(h > 0 && std::isfinite(h)))
+        throw wSimulationException("Explicit Euler cannot integrate over h = " + doubleToString(h) +
+                                   ": the interval must be positive and finite");
     // h = 0 asks for one step of the solver's own size.
     const double L = h == 0.0 ? H : h;
-    if (!(L > 0)) return L;
-    if (!(H > 0))
+    if (!(H > 0 && std::isfinite(H)))
         throw wSimulationException("Explicit Euler step H must be positive to integrate over h = " + doubleToString(L) +
                                    " (H = " + doubleToString(H) + ")");
 

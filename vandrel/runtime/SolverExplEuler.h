@@ -12,6 +12,8 @@ public:
     std::unique_ptr<wOdeSolver> createSolver(wSimulationSystem* system) const override;
     wParameterList getParametersList() override;
     const zo::string& getTypeName() const override { return getTypeNameS(); }
+    // "H" must be a positive finite step.
+    void validate(const zo::string& where) const override;
 
     double getH() const { return H_.get(); }
     void setH(double h) { H_.set(h); }
@@ -23,7 +25,8 @@ private:
 class wSolverExplEuler : public wOdeSolver {
 public:
     wSolverExplEuler(const wSolverExplEulerDescriptor* descriptor, wSimulationSystem* system);
-    // Throws wSimulationException when h > 0 and the step H is not positive (no progress).
+    // Throws wSimulationException when there is an interval to cover and the step H is
+    // not a positive finite number, or when h itself is negative or not finite.
     double advance(double T, double h) override;
 
 private:

@@ -92,6 +92,7 @@ void wRuntimeBlockSerializer::serializeParameter(wBlockParameterContainer& p) {
         p.load(loader_, "value");
     } else if (overrides_ && overrides_->hasEntry(name)) {
         p.load(overrides_, name);
+        used_.emplace(blockName_, name);
     } else if (proxy->isRequired()) {
         loader_->endSubtable();
         throw wSimulationException("Parameter not defined: " + blockName_ + "." + name);

@@ -6,6 +6,8 @@
 //                           the file or else from the overrides table, or the load fails
 //                           with "Parameter not defined: <block>.<parameter>"
 #include <memory>
+#include <set>
+#include <utility>
 
 #include "vandrel/core/BlockParameter.h"
 #include "vandrel/platform/String.h"
@@ -64,8 +66,12 @@ public:
     void serializeParameter(wBlockParameterContainer& p) override;
     void endParameters() override;
 
+    // The (block, parameter) entries of the overrides that gave a parameter its value.
+    const std::set<std::pair<zo::string, zo::string>>& getUsedOverrides() const { return used_; }
+
 private:
     Lua::Loader* loader_;     // not owned
     Lua::Loader* overrides_;  // not owned, may be null
     zo::string blockName_;    // block being read, for messages
+    std::set<std::pair<zo::string, zo::string>> used_;
 };

@@ -238,9 +238,17 @@ int sourceOffset(const LayoutInput& in) {
     return in.source->outputOffsets[static_cast<std::size_t>(in.sourceOutput)];
 }
 
-// Gives a block's output wires consecutive slots from `counter`.
+// Gives a block's output wires consecutive slots from `counter`. Offsets are ints: a
+// scheme whose area would pass 1 GiB (nested subsystems multiply it) is refused here,
+// long before the counter could overflow.
 void placeOutputs(LayoutNode& node, const wLeadList& wires, int& counter) {
+    constexpr int kMaxArea = 1 << 30;
     for (std::size_t i = 0; i < wires.size(); ++i) {
+        if (counter > kMaxArea)
+            throw wSimulationException(
+                "The data area of the scheme would be larger than 1 GiB (at " +
+                (node.descriptor != nullptr ? "block " + node.descriptor->getName() : zo::string("the scheme's inputs")) +
+                ")");
         node.outputOffsets[i] = counter;
         counter += leadTypeSize(wires[i].type);
     }

@@ -11,6 +11,7 @@
 //
 // Keys are written in that order. Block entries belong to the block serializers and the
 // descriptors, the solver table to the solver registry.
+#include <algorithm>
 #include <new>
 #include <ostream>
 #include <set>
@@ -22,6 +23,7 @@
 
 #include "vandrel/platform/LuaLoader.h"
 #include "vandrel/platform/LuaSerializer.h"
+#include "vandrel/runtime/ResourceLimits.h"
 #include "vandrel/runtime/SimulationException.h"
 #include "vandrel/runtime/SimulationLogger.h"
 #include "vandrel/scheme/BlockSerializer.h"
@@ -62,8 +64,14 @@ wSimulationSystemScheme::Connection readConnection(wSimulationSystemScheme& sche
 
     const int outIndex = loader.getInt("output_block");
     const int inIndex = loader.getInt("input_block");
-    if (!isValidIndex(inIndex)) throw wSimulationException("invalid input block");
-    if (!isValidIndex(outIndex)) throw wSimulationException("invalid output block");
+    auto invalid = [count](const char* which, int index) {
+        const zo::string range = count > 0 ? "0 to " + std::to_string(count - 1) + ", " : zo::string();
+        return wSimulationException(zo::string("invalid ") + which + " block: " + std::to_string(index) +
+                                    " is not a block index; use " + range + "-666 for the scheme's I/O or -665"
+                                    " for its special commands");
+    };
+    if (!isValidIndex(inIndex)) throw invalid("input", inIndex);
+    if (!isValidIndex(outIndex)) throw invalid("output", outIndex);
     const bool isPort = loader.getBoolean("port");
 
     wSimulationBlockDescriptor* from = scheme.getBlockByIndex(outIndex);
@@ -83,6 +91,52 @@ wSimulationSystemScheme::Connection readConnection(wSimulationSystemScheme& sche
         throw wSimulationException("Cannot connect " + what + ": too many input connections");
 
     return wSimulationSystemScheme::Connection{from, to, std::move(outLead), std::move(inLead), isPort};
+}
+
+// The Lua loader names the file in some of its messages ("f.lua:3: ...", "f.lua: ...",
+// "Cannot open file: f.lua"); the load's own prefix names it already, so say it once.
+zo::string withoutFileName(std::string_view message, const zo::string& file) {
+    if (message.starts_with(file) && message.size() > file.size() && message[file.size()] == ':') {
+        std::string_view rest = message.substr(file.size() + 1);
+        std::size_t digits = 0;
+        while (digits < rest.size() && rest[digits] >= '0' && rest[digits] <= '9') ++digits;
+        if (digits > 0 && digits < rest.size() && rest[digits] == ':')
+            return "line " + zo::string(rest.substr(0, digits)) + zo::string(rest.substr(digits));
+        if (rest.starts_with(" ")) rest.remove_prefix(1);
+        return zo::string(rest);
+    }
+    const zo::string tail = ": " + file;
+    if (message.ends_with(tail)) return zo::string(message.substr(0, message.size() - tail.size()));
+    return zo::string(message);
+}
+
+// Overrides entries that no parameter took, each with the reason, in key order.
+zo::vector<zo::string> unusedOverrides(wSimulationSystemScheme& scheme, Lua::Loader& overrides,
+                                       const std::set<std::pair<zo::string, zo::string>>& used) {
+    zo::vector<zo::string> warnings;
+    for (const zo::string& blockName : overrides.getKeys()) {
+        const zo::string where = overrides.formatPath(blockName);
+        wSimulationBlockDescriptor* block = scheme.getBlockByName(blockName);
+        if (block == nullptr || blockName.find('.') != zo::string::npos) {
+            warnings.push_back(where + " was not used: the scheme has no block named " + blockName);
+            continue;
+        }
+        // (An entry for a block that is no table has failed the load already.)
+        if (!overrides.tryBeginSubtable(blockName)) continue;
+        zo::vector<zo::string> names;
+        for (const wBlockParameterContainer& p : block->getParametersList()) names.push_back(p.getName());
+        for (const zo::string& parameter : overrides.getKeys()) {
+            if (used.count({blockName, parameter}) != 0) continue;
+            const zo::string path = where + "." + parameter;
+            if (std::find(names.begin(), names.end(), parameter) == names.end())
+                warnings.push_back(path + " was not used: block " + blockName + " has no parameter " + parameter);
+            else
+                warnings.push_back(path + " was not used: an override only fills a parameter whose entry in the"
+                                          " scheme file has no value");
+        }
+        overrides.endSubtable();
+    }
+    return warnings;
 }
 
 }  // namespace
@@ -193,11 +247,13 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
     const zo::string prefix = "Error while loading " + fileName + ": ";
     try {
         clear_();
+        fileName_ = fileName;
         Lua::Loader loader;
         loader.load(fileName, globalName());
         rootDir_ = loader.getDirectory();
 
         bool hasContinuous = false;
+        const zo::string blocksPath = loader.formatPath("blocks");
         loader.beginSubtable("blocks");
         loader.beginArray();
         wEditorBlockSerializer editorReader(&loader, true);
@@ -207,9 +263,11 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
         // quadratic in the number of blocks. Dotted names ("sub.inner") still go through
         // addBlock, which looks into subsystems.
         std::unordered_set<std::string_view> plainNames;
-        while (loader.nextArray()) {
+        for (int position = 1; loader.nextArray(); ++position) {
             std::unique_ptr<wSimulationBlockDescriptor> block = reader.createBlock();
             hasContinuous = hasContinuous || block->isOfType(BLOCK_DIFF);
+            // What a block will allocate is refused while its place in the file is known.
+            if (running) checkBlockAllocation(*block, blocksPath + "[" + std::to_string(position) + "]");
             const zo::string& name = block->getName();
             if (name.empty() || name.find('.') != zo::string::npos) {
                 addBlock(std::move(block));
@@ -220,26 +278,41 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
             adoptBlock_(std::move(block));
         }
         loader.endSubtable();
+        if (running) loadWarnings_ = unusedOverrides(*this, *overrides, runtimeReader.getUsedOverrides());
 
         // A running scheme needs a solver exactly when it has continuous state; an edited
         // one keeps whatever the file holds.
         if (running ? hasContinuous : loader.hasEntry("solver")) {
+            const zo::string where = loader.formatPath("solver");
             loader.beginSubtable("solver");
             setOdeSolverDescriptor(wOdeSolversFactory::instance()->load(&loader));
             loader.endSubtable();
+            // A step that cannot integrate is refused here, with its place in the file,
+            // rather than when the first simulate call hangs or goes backwards.
+            if (running) solver_->validate(where);
         }
 
         loader.beginSubtable("io");
         ioBlock_.load(&loader);
         loader.endSubtable();
 
+        const zo::string connectionsPath = loader.formatPath("connections");
         loader.beginSubtable("connections");
         loader.beginArray();
         WireTargets fedWires;
         wSimulationLogger& log = wSimulationLogger::instance();
         for (int position = 0; loader.nextArray(); ++position) {
+            // Say which entry a check refused (the loader's own messages give their path).
+            auto located = [&](const wSimulationException& e) {
+                return wSimulationException(zo::string(e.what()) + " (at " + connectionsPath + "[" +
+                                            std::to_string(position + 1) + "])");
+            };
             if (running) {
-                connections_.push_back(readConnection(*this, loader, fedWires));
+                try {
+                    connections_.push_back(readConnection(*this, loader, fedWires));
+                } catch (const wSimulationException& e) {
+                    throw located(e);
+                }
                 continue;
             }
             // An editor keeps going without the connections it cannot make.
@@ -250,7 +323,7 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
             } catch (const Lua::LoaderException& e) {
                 failure = e.what();
             } catch (const wSimulationException& e) {
-                failure = e.what();
+                failure = located(e).what();
             }
             if (log.enabled(LOG_WARNINGS))
                 log << wSimulationLogger::Indenter() << "Discarding connection: " << failure << std::endl;
@@ -258,12 +331,16 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
         }
         loader.endSubtable();
 
-        if (running) postLoad_(isNested);
+        if (running) {
+            postLoad_(isNested);
+            // A nested scheme is counted with the scheme that holds it.
+            if (!isNested) checkSchemeAllocation(*this);
+        }
     } catch (const Lua::LoaderException& e) {
-        throw wSimulationException(prefix + e.what());
+        throw wSimulationException(prefix + withoutFileName(e.what(), fileName));
     } catch (const wSimulationException& e) {
         if (std::string_view(e.what()).starts_with(prefix)) throw;
-        throw wSimulationException(prefix + e.what());
+        throw wSimulationException(prefix + withoutFileName(e.what(), fileName));
     } catch (const std::bad_alloc&) {
         throw;
     } catch (const std::exception& e) {

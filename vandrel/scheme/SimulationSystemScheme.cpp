@@ -158,6 +158,8 @@ void wSimulationSystemScheme::assignFrom_(const wSimulationSystemScheme& other) 
     zo::vector<int> onDiffInput = other.onDiffInput_, inDiff = other.inDiff_;
     zo::vector<zo::vector<int>> onInput = other.onInput_, onOutput = other.onOutput_;
     zo::string rootDir = other.rootDir_;
+    zo::string fileName = other.fileName_;
+    zo::vector<zo::string> loadWarnings = other.loadWarnings_;
 
     // Commit.
     connections_ = std::move(connections);
@@ -181,6 +183,8 @@ void wSimulationSystemScheme::assignFrom_(const wSimulationSystemScheme& other) 
     diffMemorySize_ = 0;
     diffMemoryOffset_ = other.diffMemoryOffset_;
     rootDir_ = std::move(rootDir);
+    fileName_ = std::move(fileName);
+    loadWarnings_ = std::move(loadWarnings);
 }
 
 void wSimulationSystemScheme::clearAnalysis_() {
@@ -202,6 +206,8 @@ void wSimulationSystemScheme::clear_() {
     ioBlock_.setScheme(this);
     solver_.reset();
     rootDir_.clear();
+    fileName_.clear();
+    loadWarnings_.clear();
     clearAnalysis_();
 }
 

@@ -147,6 +147,11 @@ public:
     // The same, with no overrides.
     void loadForRuntime(const zo::string& fileName);
     const zo::string& getRootDir() const { return rootDir_; }
+    // The file of the last load, for messages; empty for a scheme built in memory.
+    const zo::string& getFileName() const { return fileName_; }
+    // Things a running load accepted but a user would want to know about: entries of the
+    // overrides table that gave no parameter its value, each with its path and reason.
+    const zo::vector<zo::string>& getLoadWarnings() const { return loadWarnings_; }
 
     // ---- Analysis results (valid after a running load or analyse())
     // Sorts, orders, checks and lays out the scheme as a running load does.
@@ -207,4 +212,6 @@ private:
     int memorySize_ = 0, diffMemorySize_ = 0, diffMemoryOffset_ = 0;
     std::unique_ptr<wOdeSolverDescriptor> solver_;
     zo::string rootDir_;
+    zo::string fileName_;
+    zo::vector<zo::string> loadWarnings_;
 };

@@ -132,6 +132,9 @@ public:
     int getBlockStateDataSize() const override { return nested_.getSchemeStateDataSize(); }
     void getBlockStateData(unsigned char* out) const override { nested_.getSchemeStateDataToPtr(out); }
     int setBlockStateDataByPtr(const unsigned char* in) override { return nested_.setSchemeStateDataByPtr(in); }
+    int measureStateData(const unsigned char* in, std::size_t available) const override {
+        return nested_.measureSchemeStateData(in, available);
+    }
     void registerStateData() override;
 
     wSimulationSystem& getNestedSystem() { return nested_; }
