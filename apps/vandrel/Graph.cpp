@@ -54,7 +54,7 @@ int graphCommand(const std::string& file, const std::string& out) {
         throw std::runtime_error("Cannot draw " + out + ": " + r.output +
                                  " (Graphviz's dot program is needed: install the graphviz package,"
                                  " or write the dot text with -o FILE.dot)");
-    if (r.exitStatus != 0) throw std::runtime_error("Graphviz could not draw " + out + ": " + printable(r.output));
+    if (r.exitStatus != 0) throw std::runtime_error("Graphviz could not draw " + out + ": " + outputExcerpt(r.output));
     return kExitOk;
 }
 

@@ -145,7 +145,7 @@ void drawPlot(const std::string& csvFile, const std::vector<PlotColumn>& columns
     const ProcessResult r = runProcess({"gnuplot"}, gp.str());
     if (!r.started)
         throw std::runtime_error("Cannot draw " + plotFile + ": " + r.output + " (install the gnuplot package)");
-    if (r.exitStatus != 0) throw std::runtime_error("gnuplot could not draw " + plotFile + ": " + printable(r.output));
+    if (r.exitStatus != 0) throw std::runtime_error("gnuplot could not draw " + plotFile + ": " + outputExcerpt(r.output));
 }
 
 

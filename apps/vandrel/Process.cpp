@@ -113,7 +113,7 @@ ProcessResult runProcess(const std::vector<std::string>& argv, std::string_view 
     return result;
 }
 
-std::string printable(std::string_view output) {
+std::string outputExcerpt(std::string_view output) {
     std::string text;
     for (const char c : output) {
         const auto u = static_cast<unsigned char>(c);

@@ -21,6 +21,6 @@ ProcessResult runProcess(const std::vector<std::string>& argv, std::string_view 
 // A helper's output fit for a message: its text without control bytes that a terminal
 // would act on (an image written to standard output after an error), trailing line
 // breaks and anything past the first 2000 characters.
-std::string printable(std::string_view output);
+std::string outputExcerpt(std::string_view output);
 
 }  // namespace host
