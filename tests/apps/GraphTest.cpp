@@ -34,7 +34,10 @@ std::string nodeOf(const wSimulationSystemScheme& s, const wSimulationBlockDescr
                    bool isPort, bool isSource) {
     if (b == &s.getIOBlock()) return std::string(isSource ? "in" : "out") + (isPort ? "port:" : ":") + lead;
     if (b == &s.getSpecialCmdsBlock()) return "cmd";
-    return "b" + std::to_string(s.indexOfBlock(b));
+    const std::string id = "b" + std::to_string(s.indexOfBlock(b));
+    // A subsystem is a cluster: its edges end at the nested scheme's own lead nodes.
+    if (b->getNestedScheme() != nullptr) return id + "/" + (isSource ? "out" : "in") + (isPort ? "port:" : ":") + lead;
+    return id;
 }
 
 std::size_t count(const std::string& text, const std::string& what) {
@@ -58,9 +61,16 @@ TEST_F(Graph, DrawsEveryBlockAndConnectionOfEveryExample) {
         zo::vector<int> discarded;
         s.loadForEdit(file.string(), discarded);
         ASSERT_TRUE(discarded.empty());
-        // Each block once, as a node named by its position, labelled with name and type.
+        // Each block once, as a node named by its position, labelled with name and type;
+        // a subsystem once, as a cluster holding its nested scheme.
+        std::size_t nestedEdges = 0;
         for (int i = 0; i < s.getBlocksCount(); ++i) {
             const auto& b = s.getBlocks()[static_cast<std::size_t>(i)];
+            if (const auto* nested = b->getNestedScheme()) {
+                EXPECT_EQ(count(r.out, "  subgraph \"cluster_b" + std::to_string(i) + "\" {\n"), 1u);
+                nestedEdges += nested->getConnections().size();
+                continue;
+            }
             const std::string node = "  \"b" + std::to_string(i) + "\" [label=\"" + std::string(b->getName()) + "\\n" +
                                      std::string(b->getBlockTypeName()) + "\", fillcolor=";
             EXPECT_EQ(count(r.out, node), 1u) << node;
@@ -77,7 +87,7 @@ TEST_F(Graph, DrawsEveryBlockAndConnectionOfEveryExample) {
             EXPECT_NE(p, std::string::npos) << edge;
             if (p != std::string::npos) at = p;
         }
-        EXPECT_EQ(count(r.out, " -> "), s.getConnections().size());
+        EXPECT_EQ(count(r.out, " -> "), s.getConnections().size() + nestedEdges);
         // Every scheme lead has its node, even when nothing is connected to it.
         for (bool isInput : {true, false})
             for (bool isPort : {true, false})

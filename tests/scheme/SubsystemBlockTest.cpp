@@ -16,6 +16,7 @@
 #include "vandrel/blocks/Conversions.h"
 #include "vandrel/core/Wire.h"
 #include "vandrel/platform/LuaLoader.h"
+#include "vandrel/runtime/ResourceLimits.h"
 #include "vandrel/runtime/SimulationException.h"
 #include "vandrel/scheme/SubsystemBlock.h"
 
@@ -515,7 +516,7 @@ TEST(SubsystemBlock, MissingOrSelfIncludingFilesAreClearErrors) {
         std::string message;  // part of the error of a running load
     };
     const std::vector<Case> cases = {
-        {outerUsing("nowhere"), "Cannot load subsystem block s: Error while loading " + d + "nowhere.sch: Cannot open file: " + d + "nowhere.sch"},
+        {outerUsing("nowhere"), "Cannot load subsystem block s: Error while loading " + d + "nowhere.sch: Cannot open file"},
         {outerUsing("self"), "Subsystem file includes itself: " + d + "uses_self.lua -> " + d + "self.sch -> " + d + "self.sch"},
         {outerUsing("loop_a"), "Subsystem file includes itself: " + d + "uses_loop_a.lua -> " + d + "loop_a.sch -> " + d +
                                    "loop_b.sch -> " + d + "loop_a.sch"},
@@ -577,3 +578,31 @@ TEST(SubsystemBlock, NestingIsLimitedToSixteenLevels) {
 }
 
 }  // namespace
+
+TEST(SubsystemBlock, NestedAllocationsCountTowardsTheSchemeLimit) {
+    const fs::path dir = dirWithSubsystemFiles();
+    // 1000 samples of time + one input: 16 kB per recording subsystem.
+    testutil::writeFile(dir / "rec.sch", R"(simulation_scheme = {
+  blocks = { { __name = "c", __type = "wBlockConstantsDescriptor",
+               values = { { name = "v", type = 1 } }, __parameters = { v = { value = 1 } } },
+             { __name = "scope", __type = "wBlockOscilloscopeDescriptor",
+               __parameters = { dt = { value = 0.1 }, capacity = { value = 1000 } } } },
+  io = { inputWires = {}, inputPorts = {}, outputWires = {}, outputPorts = {} },
+  connections = { { output_block = 0, output_lead = "v", input_block = 1, input_lead = "input1", port = false } },
+})");
+    testutil::SchemeText s;
+    for (const char* name : {"r1", "r2", "r3"}) s.block(name, kSubsystem, "", subsystemKeys("rec"));
+    const std::string file = testutil::writeFile(dir / "recorders.lua", s.text());
+
+    const wResourceLimits saved = getResourceLimits();
+    wResourceLimits limits;
+    limits.maxBlockBytes = 20'000;   // each recorder fits
+    limits.maxSchemeBytes = 40'000;  // three of them do not
+    setResourceLimits(limits);
+    const std::string message = messageOf<wSimulationException>([&] { loadRun(file); });
+    limits.maxSchemeBytes = 60'000;
+    setResourceLimits(limits);
+    EXPECT_NO_THROW(loadRun(file));
+    setResourceLimits(saved);
+    EXPECT_NE(message.find("more than the 39.06 KiB a scheme may"), std::string::npos) << message;
+}

@@ -20,7 +20,8 @@ const char* const kHowToRaise = " (a host can raise the limit: setResourceLimits
 std::uint64_t blockBytes(const wSimulationSystemScheme& scheme) {
     std::uint64_t total = 0;
     for (const auto& b : scheme.getBlocks()) {
-        const std::uint64_t n = b->getRuntimeAllocationSize();
+        const wSimulationSystemScheme* nested = b->getNestedScheme();
+        const std::uint64_t n = nested != nullptr ? blockBytes(*nested) : b->getRuntimeAllocationSize();
         total = n > UINT64_MAX - total ? UINT64_MAX : total + n;
     }
     return total;

@@ -121,6 +121,11 @@ zo::vector<zo::string> unusedOverrides(wSimulationSystemScheme& scheme, Lua::Loa
             warnings.push_back(where + " was not used: the scheme has no block named " + blockName);
             continue;
         }
+        // Entries under a subsystem address its nested blocks: its own load checked them.
+        if (const wSimulationSystemScheme* nested = block->getNestedScheme()) {
+            for (const zo::string& w : nested->getLoadWarnings()) warnings.push_back(w);
+            continue;
+        }
         // (An entry for a block that is no table has failed the load already.)
         if (!overrides.tryBeginSubtable(blockName)) continue;
         zo::vector<zo::string> names;
