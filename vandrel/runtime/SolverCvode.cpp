@@ -210,6 +210,8 @@ double wSolverCvode::advance(double T, double h) {
     steps_ += after - before;
 
     if (flag < 0) {
+        // CVODE hands back its last accepted state; the system holds a trial one.
+        std::memcpy(y, m.state(), bytes);
         m.fresh = true;
         if (m.pending) {
             std::exception_ptr e = m.pending;

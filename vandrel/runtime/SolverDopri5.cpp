@@ -48,7 +48,9 @@ namespace {
 wSolverDopri5::Controlled makeControlled(const wSolverDopri5Descriptor& d) {
     using Checker = wSolverDopri5::Controlled::error_checker_type;
     using Adjuster = wSolverDopri5::Controlled::step_adjuster_type;
-    return {Checker(d.getAtol(), d.getRtol(), 1.0, 0.0), Adjuster(d.getH())};
+    // The controller's limit leaves room for a last step that lands on an event a rounding
+    // error beyond H; the solver keeps its own steps within H.
+    return {Checker(d.getAtol(), d.getRtol(), 1.0, 0.0), Adjuster(d.getH() * (1 + 1e-7))};
 }
 
 }  // namespace
@@ -113,25 +115,49 @@ double wSolverDopri5::advance(double T, double h) {
     // (The host's next time is the sum of its last time and the returned interval, which
     // may differ from the end of the step in the last bit.)
     const bool sameTime = std::fabs(T - tEnd_) <= 1e-12 * std::max(1.0, std::fabs(T));
-    if (!(fsal_ && sameTime && std::memcmp(y, x_.data(), bytes) == 0)) {
-        std::memcpy(x_.data(), y, bytes);
-        system_->calcDiffRhs(T, x_.data(), dxdt_.data());
-    }
-    if (!(dt_ > 0)) dt_ = estimateFirstStep_(T);
-    dt_ = std::min(dt_, H);
-
+    const bool reuse = fsal_ && sameTime && std::memcmp(y, x_.data(), bytes) == 0;
+    fsal_ = false;
+    std::memcpy(x_.data(), y, bytes);
     const bool toEnd = h > 0;
-    const double tEnd = T + h;
     double t = T;
+    try {
+        if (!reuse) system_->calcDiffRhs(T, x_.data(), dxdt_.data());
+        if (!(dt_ > 0)) dt_ = estimateFirstStep_(T);
+        dt_ = std::min(dt_, H);
+        t = step_(T, toEnd, T + h);
+    } catch (...) {
+        // The stages wrote trial states into the system: leave it at the last step's.
+        std::memcpy(y, x_.data(), bytes);
+        dt_ = 0;  // the step size that failed is no guide for the next call
+        throw;
+    }
+    std::memcpy(y, x_.data(), bytes);
+    fsal_ = true;
+    tEnd_ = t;
+    return toEnd ? h : t - T;
+}
+
+double wSolverDopri5::step_(double T, bool toEnd, double tEnd) {
+    double t = T;
+    int refused = 0;  // in a row
     for (;;) {
         double dt = dt_;
         // The last step of an interval lands on its end exactly.
         const bool last = toEnd && dt * (1 + 1e-8) >= tEnd - t;
         if (last) dt = tEnd - t;
         double tt = t;
-        if (controlled_.try_step(
+        const double tried = dt;
+        bool accepted =
+            controlled_.try_step(
                 [this](const State& x, State& dxdt, double at) { system_->calcDiffRhs(at, x.data(), dxdt.data()); },
-                x_, dxdt_, tt, xNew_, dxdtNew_, dt) == odeint::success) {
+                x_, dxdt_, tt, xNew_, dxdtNew_, dt) == odeint::success;
+        // A step to a state that is not finite has no error estimate worth the name.
+        if (accepted && !std::all_of(xNew_.begin(), xNew_.end(), [](double v) { return std::isfinite(v); })) {
+            accepted = false;
+            dt = tried / 4;
+        }
+        if (accepted) {
+            refused = 0;
             std::swap(x_, xNew_);
             std::swap(dxdt_, dxdtNew_);
             ++steps_;
@@ -147,15 +173,10 @@ double wSolverDopri5::advance(double T, double h) {
         }
         ++rejected_;
         dt_ = dt;
-        if (!(dt_ > 16 * std::numeric_limits<double>::epsilon() * std::max(1.0, std::fabs(t)))) {
-            fsal_ = false;
+        if (!(dt_ > 16 * std::numeric_limits<double>::epsilon() * std::max(1.0, std::fabs(t))) || ++refused > 1000)
             throw wSimulationException("Dormand-Prince step size fell to " + doubleToString(dt_) + " at t = " +
                                        doubleToString(t) +
                                        ": the derivatives may not be finite there, or the tolerances are too tight");
-        }
     }
-    std::memcpy(y, x_.data(), bytes);
-    fsal_ = true;
-    tEnd_ = toEnd ? tEnd : t;
-    return toEnd ? h : t - T;
+    return t;
 }

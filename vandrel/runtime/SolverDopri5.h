@@ -54,6 +54,8 @@ private:
     // A first step from the size of the state and of its derivatives (Hairer, Norsett and
     // Wanner); uses the trial buffers.
     double estimateFirstStep_(double T);
+    // Accepted steps from T: one, or up to tEnd when toEnd; returns the time reached.
+    double step_(double T, bool toEnd, double tEnd);
 
     State x_, dxdt_;        // state and its derivative at the current time
     State xNew_, dxdtNew_;  // the same after a trial step

@@ -61,10 +61,16 @@ double wSolverRK4::advance(double T, double h) {
     std::copy(y, y + x_.size(), x_.begin());
     wSimulationSystem* sys = system_;
     auto rhs = [sys](const State& x, State& dxdt, double t) { sys->calcDiffRhs(t, x.data(), dxdt.data()); };
-    for (long long k = 0; k < n; ++k) {
-        // Times from the start, not accumulated, so that rounding does not drift.
-        stepper_.do_step(rhs, x_, T + static_cast<double>(k) * s, s);
-        ++steps_;
+    try {
+        for (long long k = 0; k < n; ++k) {
+            // Times from the start, not accumulated, so that rounding does not drift.
+            stepper_.do_step(rhs, x_, T + static_cast<double>(k) * s, s);
+            ++steps_;
+        }
+    } catch (...) {
+        // The stages wrote trial states into the system: leave it at the last step's.
+        std::copy(x_.begin(), x_.end(), y);
+        throw;
     }
     std::copy(x_.begin(), x_.end(), y);
     return L;
