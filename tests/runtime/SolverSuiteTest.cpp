@@ -262,3 +262,59 @@ TEST(SolverStiff, CvodeCrossesAStiffPairInFewSteps) {
     run(solvers::table(dopri, 10.0, 1e-7, 1e-12), &dopriSteps);
     EXPECT_GT(dopriSteps, 100 * cvodeSteps);
 }
+
+namespace {
+
+std::unique_ptr<wSimulationSystemScheme> loadExample(const char* name) {
+    auto scheme = std::make_unique<wSimulationSystemScheme>();
+    scheme->loadForRuntime(std::string(VANDREL_EXAMPLES_DIR) + "/" + name);
+    return scheme;
+}
+
+double runUntil(wSimulationSystem& sys, double end) {
+    double T = 0;
+    while (T < end - 1e-9) T += sys.simulate(T);
+    return T;
+}
+
+}  // namespace
+
+TEST(SolverExamples, StiffOvenCrossesAnHourInFewCvodeSteps) {
+    auto scheme = loadExample("stiff_thermal.lua");
+    ASSERT_EQ(scheme->getOdeSolverDescriptor()->getTypeName(), "wSolverCvodeDescriptor");
+    auto sys = scheme->instantiate();
+    EXPECT_NEAR(runUntil(*sys, 3600), 3600, 1e-9);
+    EXPECT_LT(sys->getSolver()->getStepCount(), 400);
+    const double element = sys->getOutput<double>("element"), load = sys->getOutput<double>("load"),
+                 sensor = sys->getOutput<double>("sensor");
+
+    // The same scheme with a tightly controlled explicit method, which needs the small
+    // steps that stability imposes.
+    scheme->setOdeSolverDescriptor(solvers::make(solvers::kinds()[2], 60, 1e-10, 1e-10));
+    auto reference = scheme->instantiate();
+    runUntil(*reference, 3600);
+    EXPECT_GT(reference->getSolver()->getStepCount(), 50 * sys->getSolver()->getStepCount());
+    EXPECT_NEAR(element, reference->getOutput<double>("element"), 1e-3);
+    EXPECT_NEAR(load, reference->getOutput<double>("load"), 1e-3);
+    EXPECT_NEAR(sensor, reference->getOutput<double>("sensor"), 1e-3);
+    // The oven is warming: element above load, the sensor a hair behind the load.
+    EXPECT_GT(element, load);
+    EXPECT_GT(load, 200.0);
+    EXPECT_LT(load - sensor, 0.01);
+    EXPECT_GT(load - sensor, 0.0);
+}
+
+TEST(SolverExamples, ProjectileFollowsTheClosedFormOfLinearDrag) {
+    // v' = g - k v: v = g/k + (v0 - g/k) e^-kt, x = x0 + g t / k + (v0 - g/k)(1 - e^-kt) / k.
+    auto scheme = loadExample("projectile.lua");
+    ASSERT_EQ(scheme->getOdeSolverDescriptor()->getTypeName(), "wSolverDopri5Descriptor");
+    auto sys = scheme->instantiate();
+    const double T = runUntil(*sys, 3.0);
+    const double k = 0.05, decay = std::exp(-k * T);
+    const Vec3d g{0, 0, -9.81}, v0{17.320508075688775, 10, 15}, x0{0, 0, 1.5};
+    const Vec3d drift = v0 - g * (1 / k);
+    const Vec3d x = x0 + g * (T / k) + drift * ((1 - decay) / k);
+    const Vec3d got = sys->getOutput<Vec3d>("position");
+    for (int i = 0; i < 3; ++i) EXPECT_NEAR(got[i], x[i], 1e-6) << i;
+    EXPECT_NEAR(sys->getOutput<double>("climb"), (g * (1 / k) + drift * decay)[2], 1e-6);
+}
