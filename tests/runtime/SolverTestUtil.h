@@ -2,6 +2,7 @@
 // The solver kinds, for tests that run the same checks against each of them.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <memory>
 #include <ostream>
 #include <string>
