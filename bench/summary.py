@@ -36,6 +36,22 @@ def main(path):
         s = runs.get(f"BM_Save/{n}")
         if s:
             print(f"| save | {int(s['blocks'])} blocks | ms | {s['real_time']:.1f} | |")
+    for n in (100, 1000):
+        eu, rk = runs.get(f"BM_SolverLags/euler/{n}"), runs.get(f"BM_SolverLags/rk4/{n}")
+        for kind in ("euler", "rk4", "dopri5", "cvode"):
+            b = runs.get(f"BM_SolverLags/{kind}/{n}")
+            if b:
+                print(f"| solver lags {kind} | {n} | ns per step (derivative evaluations) | "
+                      f"{b['ns_per_step'] * 1e9:.0f} ({b['rhs_per_step']:.2f}) | |")
+        if eu and rk:
+            print(f"| solver lags | {n} | RK4 step / Euler step | {rk['ns_per_step'] / eu['ns_per_step']:.2f}x | <= 4.5x |")
+    orbit = {k: runs.get(f"BM_Orbit{k}/iterations:1") for k in ("RK4", "Dopri5", "Cvode")}
+    for k, b in orbit.items():
+        if b:
+            print(f"| orbit 1e-8 | {k} | derivative evaluations (steps) | {b['rhs_evals']:.0f} ({b['steps']:.0f}) | |")
+    if orbit["RK4"] and orbit["Dopri5"]:
+        ratio = orbit["RK4"]["rhs_evals"] / orbit["Dopri5"]["rhs_evals"]
+        print(f"| orbit 1e-8 | RK4 / Dopri5 | evaluation ratio | {ratio:.1f}x | >= 10x |")
     m = runs.get("BM_Memory/1000/iterations:1")
     if m:
         print(f"| memory | {int(m['blocks'])} blocks | heap bytes per block beyond the data area | {m['heap_bytes_per_block']:.0f} | <= 256 |")

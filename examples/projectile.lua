@@ -10,6 +10,10 @@
 --
 --   v' = g - 0.05 v,   x' = v,   g = (0, 0, -9.81) m/s^2
 --
+-- The motion is smooth, so the adaptive Dormand-Prince solver suits it: it takes a few
+-- steps per 0.1 s recording interval and keeps the error within its tolerances, where
+-- explicit Euler needed a thousand steps per second and still drifted.
+--
 -- Run:  vandrel run examples/projectile.lua --until 3 --every 0.1 --scope-dir scopes
 simulation_scheme = {
   blocks = {
@@ -45,7 +49,7 @@ simulation_scheme = {
     { __name = "start", __type = "wBlockDelayTriggerDescriptor",
       __parameters = { dt = { value = 3600 }, enabled = { value = false }, delay_time = { value = 0 } } },
   },
-  solver = { __type = "wSolverExplEulerDescriptor", H = 0.001 },
+  solver = { __type = "wSolverDopri5Descriptor", H = 0.1, rtol = 1e-08, atol = 1e-08 },
   io = {
     inputWires = {
       { name = "position", type = 3 }, { name = "altitude", type = 2 }, { name = "climb", type = 2 },

@@ -6,6 +6,7 @@ set -euo pipefail
 packages=(
   g++ cmake make pkg-config       # toolchain
   liblua5.1-0-dev libboost-dev    # library dependencies
+  libsundials-dev                 # stiff solver (CVODE)
   libgtest-dev libbenchmark-dev   # tests and benchmarks
   libcli11-dev gnuplot-nox        # command-line host and its plots
   graphviz                        # `vandrel graph` drawings

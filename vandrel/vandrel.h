@@ -33,7 +33,12 @@
 #include "vandrel/runtime/SimulationException.h"
 #include "vandrel/runtime/SimulationLogger.h"
 #include "vandrel/runtime/SimulationSystem.h"
+#include "vandrel/runtime/DiffInputWatch.h"
+#include "vandrel/runtime/SolverCvode.h"
+#include "vandrel/runtime/SolverDopri5.h"
 #include "vandrel/runtime/SolverExplEuler.h"
+#include "vandrel/runtime/SolverParameters.h"
+#include "vandrel/runtime/SolverRK4.h"
 
 // Block library.
 #include "vandrel/blocks/Aggregates.h"

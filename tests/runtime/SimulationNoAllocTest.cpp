@@ -1,6 +1,8 @@
-// simulate() must not touch the heap. This file replaces the global operator new and
-// delete for the whole test program with versions that count while counting is switched
-// on; they allocate through malloc/free, which the address sanitizer also watches.
+// simulate() must not touch the heap, whichever solver runs. This file replaces the
+// global operator new and delete for the whole test program with versions that count
+// while counting is switched on; they allocate through malloc/free, which the address
+// sanitizer also watches. Outside the sanitizer build it also puts counting versions of
+// malloc and its kin in front of the C library's, for the C libraries underneath (CVODE).
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,11 +12,13 @@
 
 #include "runtime/RuntimeTestUtil.h"
 #include "vandrel/scheme/SimulationSystemScheme.h"
+#include "runtime/SolverTestUtil.h"
 
 namespace {
 
 std::atomic<bool> counting{false};
 std::atomic<long> allocations{0};
+std::atomic<long> mallocs{0};  // C allocations, operator new's included
 
 // Kept out of line so that the compiler does not pair an inlined new with free().
 [[gnu::noinline]] void* countedAlloc(std::size_t n) {
@@ -42,6 +46,33 @@ void operator delete(void* p, std::size_t) noexcept { countedFree(p); }
 void operator delete[](void* p, std::size_t) noexcept { countedFree(p); }
 void operator delete(void* p, const std::nothrow_t&) noexcept { countedFree(p); }
 void operator delete[](void* p, const std::nothrow_t&) noexcept { countedFree(p); }
+
+#if !defined(__SANITIZE_ADDRESS__)
+// glibc's own entry points, which its malloc family forwards to.
+extern "C" {
+void* __libc_malloc(std::size_t n);
+void* __libc_calloc(std::size_t n, std::size_t size);
+void* __libc_realloc(void* p, std::size_t n);
+void __libc_free(void* p);
+
+void* malloc(std::size_t n) noexcept {
+    if (counting.load(std::memory_order_relaxed)) mallocs.fetch_add(1, std::memory_order_relaxed);
+    return __libc_malloc(n);
+}
+void* calloc(std::size_t n, std::size_t size) noexcept {
+    if (counting.load(std::memory_order_relaxed)) mallocs.fetch_add(1, std::memory_order_relaxed);
+    return __libc_calloc(n, size);
+}
+void* realloc(void* p, std::size_t n) noexcept {
+    if (counting.load(std::memory_order_relaxed)) mallocs.fetch_add(1, std::memory_order_relaxed);
+    return __libc_realloc(p, n);
+}
+void free(void* p) noexcept { __libc_free(p); }
+}
+constexpr bool kCountsMalloc = true;
+#else
+constexpr bool kCountsMalloc = false;
+#endif
 
 namespace {
 
@@ -126,7 +157,13 @@ std::unique_ptr<wSimulationBlockDisc> QuietSamplerDescriptor::create(Lua::Loader
 
 }  // namespace
 
-TEST(RuntimeNoAlloc, SimulateAllocatesNothing) {
+namespace {
+class RuntimeNoAlloc : public ::testing::TestWithParam<solvers::Kind> {};
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(AllSolverKinds, RuntimeNoAlloc, ::testing::ValuesIn(solvers::kinds()), solvers::kindName);
+
+TEST_P(RuntimeNoAlloc, SimulateAllocatesNothing) {
     // Stateless blocks on the input and output sides and inside a continuous loop,
     // discrete blocks with different periods, and a block working on ports.
     rt::Builder b;
@@ -143,7 +180,7 @@ TEST(RuntimeNoAlloc, SimulateAllocatesNothing) {
     s1->dt = 0.01;
     s2->dt = 0.037;
     s3->dt = 0.02;
-    b.euler(0.004);
+    b.scheme.setOdeSolverDescriptor(solvers::make(GetParam(), 0.004, 1e-6, 1e-9));
     b.inputWire("u");
     b.inputPort("kick");
     b.outputWire("y");
@@ -174,8 +211,14 @@ TEST(RuntimeNoAlloc, SimulateAllocatesNothing) {
     // The counter does see allocations made through new.
     counting = true;
     auto probe = std::make_unique<double>(1.0);
+    void* raw = std::malloc(16);
     counting = false;
+    std::free(raw);
     ASSERT_EQ(allocations.exchange(0), 1);
+    if (kCountsMalloc) {
+        ASSERT_EQ(mallocs.exchange(0), 2);
+    }
+    mallocs = 0;
 
     counting = true;
     for (int k = 0; k < 10000; ++k) {
@@ -185,6 +228,7 @@ TEST(RuntimeNoAlloc, SimulateAllocatesNothing) {
     }
     counting = false;
     EXPECT_EQ(allocations.load(), 0);
+    EXPECT_EQ(mallocs.load(), 0);
     // The run did real work.
     EXPECT_GT(T, 10.0);
     EXPECT_GT(QuietGain::updates - updatesBefore, 10000);

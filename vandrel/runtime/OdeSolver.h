@@ -49,10 +49,18 @@ public:
     // Integrates the continuous state from scheme time T over the interval h (s), or over
     // one step of the solver's own size when h is 0; returns the interval covered.
     virtual double advance(double T, double h) = 0;
+    // The state jumped or the inputs of the derivatives changed since the last advance
+    // (a reset, a discrete event, a host write): solvers that carry history from step to
+    // step (step size, past values) start afresh at the next advance.
+    virtual void restart() {}
+
+    // Steps taken since the solver was made (accepted steps, for adaptive kinds).
+    long long getStepCount() const { return steps_; }
 
 protected:
     const wOdeSolverDescriptor* descriptor_;  // not owned
     wSimulationSystem* system_;               // not owned
+    long long steps_ = 0;                     // accepted steps, counted by each kind
 };
 
 class wOdeSolversFactory {

@@ -145,6 +145,7 @@ void wSimulationSystem::init_(Lua::Loader* loader) {
         const wOdeSolverDescriptor* sd = s.getOdeSolverDescriptor();
         if (sd == nullptr) throw wSimulationException("Scheme with continuous blocks has no ODE solver");
         solver_ = sd->createSolver(this);
+        diffInputs_.build(s);
     }
 }
 
@@ -442,6 +443,7 @@ void wSimulationSystem::reset() {
         discrete_[i]->reset();
         queuePush_({static_cast<int>(i), 0.0});
     }
+    if (solver_) solver_->restart();
 }
 
 double wSimulationSystem::simulate(double T) {
@@ -536,7 +538,11 @@ double wSimulationSystem::advanceDifferential_(double T, double h) {
     // first derivative, whoever last touched the state (solver, reset or host).
     setDirty_(s.getStatelessBlocksInDiff());
     updateDirty_(s.getStatelessBlocksOnDiffInput(), T);
+    // New values on the derivatives' inputs make a jump that solvers with history must
+    // not step across.
+    if (diffInputs_.changed(data_)) solver_->restart();
     rhsFresh_ = true;
+    rhsFreshTime_ = T;
     const double r = solver_->advance(T, h);
     rhsFresh_ = false;
     setDirty_(s.getStatelessBlocksInDiff());
@@ -570,16 +576,28 @@ void wSimulationSystem::calcDiffRhs(double t, double* dy) {
     // between calls. On the first call of an advance the state has not moved since
     // advanceDifferential_ brought the dirty ones up to date at the same time, so only
     // those still dirty need to run: the values are the same, without a second pass.
-    if (rhsFresh_) {
+    ++rhsEvaluations_;
+    if (rhsFresh_ && t == rhsFreshTime_) {
         updateDirty_(scheme_->getStatelessBlocksInDiff(), t);
-        rhsFresh_ = false;
     } else {
         for (int i : scheme_->getStatelessBlocksInDiff()) stateless_[static_cast<std::size_t>(i)]->update(t, data_);
     }
+    rhsFresh_ = false;
     // Blocks address derivatives by their state's offset in the data area: shift dy back
     // so that the start of the continuous run lines up with dy[0].
     unsigned char* base = static_cast<unsigned char*>(static_cast<void*>(dy)) - scheme_->getDiffMemoryOffset();
     for (wSimulationBlockDiff* b : diff_) b->calculate_dy(t, data_, base);
+}
+
+void wSimulationSystem::calcDiffRhs(double t, const double* y, double* dy) {
+    double* state = getDiffState();
+    if (y != state) {
+        const auto bytes = static_cast<std::size_t>(getDiffStateSize()) * sizeof(double);
+        // A trial state away from the one the advance started at: nothing is up to date.
+        if (rhsFresh_ && std::memcmp(state, y, bytes) != 0) rhsFresh_ = false;
+        std::memcpy(state, y, bytes);
+    }
+    calcDiffRhs(t, dy);
 }
 
 void wSimulationSystem::resetDiff_(const bool& value) {
@@ -587,6 +605,7 @@ void wSimulationSystem::resetDiff_(const bool& value) {
     for (wSimulationBlockDiff* b : diff_) b->resetState(data_);
     // The states jumped: everything computed from them is stale.
     setDirty_(scheme_->getStatelessBlocksInDiff());
+    if (solver_) solver_->restart();
     for (wSimulationSystem* child : children_) child->resetDiff_(value);
 }
 

@@ -13,6 +13,7 @@
 #include "vandrel/core/SimulationBlock.h"
 #include "vandrel/core/Wire.h"
 #include "vandrel/platform/String.h"
+#include "vandrel/runtime/DiffInputWatch.h"
 #include "vandrel/runtime/OdeSolver.h"
 
 namespace Lua {
@@ -61,6 +62,13 @@ public:
     int getDiffStateSize() const;
     // Continuous right-hand side: every continuous block's derivatives into dy.
     void calcDiffRhs(double t, double* dy);
+    // The same at the state y (getDiffStateSize() doubles), which is first copied into the
+    // continuous state: for solvers that evaluate at trial states of their own.
+    void calcDiffRhs(double t, const double* y, double* dy);
+    // Right-hand side evaluations since the system was built (for measurements).
+    long long getRhsEvaluationCount() const { return rhsEvaluations_; }
+    // The ODE solver; null without continuous blocks.
+    wOdeSolver* getSolver() const { return solver_.get(); }
 
     // Time of the earliest scheduled discrete block (0.0 when none); setting it moves every
     // scheduled block to t (ties then go by discrete index); t must be finite.
@@ -158,6 +166,9 @@ private:
     bool ownsData_ = false;                                 // free data_ on destruction
     bool rhsFresh_ = false;  // the next calcDiffRhs is the first of an advance (see there)
     double now_ = 0.0;       // see getCurrentTime
+    double rhsFreshTime_ = 0;             // the time that advance started at
+    long long rhsEvaluations_ = 0;        // calcDiffRhs calls
+    wDiffInputWatch diffInputs_;          // what the derivatives read from outside the state
     // Typed views of blocks_ by kind, indexed by stateless / diff / discrete index.
     zo::vector<wSimulationBlockStateless*> stateless_;
     zo::vector<wSimulationBlockDiff*> diff_;

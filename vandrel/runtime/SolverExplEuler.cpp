@@ -70,6 +70,7 @@ double wSolverExplEuler::advance(double T, double h) {
         system_->calcDiffRhs(T, rhs);
         double* y = system_->getDiffState();
         for (std::size_t i = 0; i < n; ++i) y[i] += s * rhs[i];
+        ++steps_;
     }
     return L;
 }

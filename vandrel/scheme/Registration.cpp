@@ -4,7 +4,10 @@
 // units is unspecified, and the factory's list must come out in exactly this order (it
 // is what editors show). Solver kinds first, then the blocks.
 #include "vandrel/runtime/OdeSolver.h"
+#include "vandrel/runtime/SolverCvode.h"
+#include "vandrel/runtime/SolverDopri5.h"
 #include "vandrel/runtime/SolverExplEuler.h"
+#include "vandrel/runtime/SolverRK4.h"
 #include "vandrel/scheme/BlockFactory.h"
 #include "vandrel/scheme/SubsystemBlock.h"
 // Block families (uncomment as each family lands):
@@ -25,6 +28,15 @@ void registerSolverKinds(wOdeSolversFactory& f) {
     f.register_descriptor(wSolverExplEulerDescriptor::getTypeNameS(),
                           [] { return std::unique_ptr<wOdeSolverDescriptor>(new wSolverExplEulerDescriptor); },
                           "Explicit Euler");
+    f.register_descriptor(wSolverRK4Descriptor::getTypeNameS(),
+                          [] { return std::unique_ptr<wOdeSolverDescriptor>(new wSolverRK4Descriptor); },
+                          "Runge-Kutta 4");
+    f.register_descriptor(wSolverDopri5Descriptor::getTypeNameS(),
+                          [] { return std::unique_ptr<wOdeSolverDescriptor>(new wSolverDopri5Descriptor); },
+                          "Dormand-Prince 4(5), adaptive");
+    f.register_descriptor(wSolverCvodeDescriptor::getTypeNameS(),
+                          [] { return std::unique_ptr<wOdeSolverDescriptor>(new wSolverCvodeDescriptor); },
+                          "CVODE BDF, stiff");
 }
 
 // In the order editors list them. Classes that come with later families are marked.

@@ -1,0 +1,42 @@
+#pragma once
+// Stiff solver: variable-order (1 to 5) backward differentiation formulas from SUNDIALS
+// CVODE, with Newton iterations on a dense linear system whose Jacobian is built here by
+// difference quotients of the scheme's derivatives. The right choice when time constants
+// of very different sizes meet (heat paths, chemistry, fast actuators in a slow plant),
+// where explicit methods need steps as small as the fastest one.
+//
+// Everything CVODE needs is allocated when the solver is made; advancing allocates
+// nothing. CVODE keeps a history of past steps; it is started afresh whenever the state,
+// the time or the inputs of the derivatives jump between calls.
+#include <memory>
+
+#include "vandrel/runtime/SolverParameters.h"
+
+class wSolverCvodeDescriptor : public wTolerantSolverDescriptor {
+public:
+    static const zo::string& getTypeNameS();  // "wSolverCvodeDescriptor"
+
+    std::unique_ptr<wOdeSolverDescriptor> clone() const override;
+    std::unique_ptr<wOdeSolver> createSolver(wSimulationSystem* system) const override;
+    const zo::string& getTypeName() const override { return getTypeNameS(); }
+};
+
+class wSolverCvode : public wOdeSolver {
+public:
+    // Throws wSimulationException when CVODE cannot be set up.
+    wSolverCvode(const wSolverCvodeDescriptor* descriptor, wSimulationSystem* system);
+    ~wSolverCvode() override;
+    // Integrates exactly h, or one internal step when h is 0; returns the interval covered.
+    // A failure of CVODE (or an exception from a block) is thrown as wSimulationException
+    // (or passed on), and the next call starts afresh.
+    double advance(double T, double h) override;
+    void restart() override;
+
+    // Times CVODE was started afresh, and its Jacobian evaluations, since the solver was made.
+    long long getRestartCount() const;
+    long long getJacobianCount() const;
+
+private:
+    struct Impl;  // CVODE's objects and the callbacks' state
+    std::unique_ptr<Impl> impl_;
+};
