@@ -13,19 +13,6 @@ std::vector<std::string>& trace() {
     return t;
 }
 
-// Both names are the registration key for test blocks.
-#define TEST_NAMES(Cls, key)                                                  \
-    const zo::string& Cls::getBlockClassNameS() { static const zo::string s = key; return s; } \
-    const zo::string& Cls::getBlockTypeNameS() { static const zo::string s = key; return s; }
-
-TEST_NAMES(GainDescriptor, "TestGain")
-TEST_NAMES(AddDescriptor, "TestAdd")
-TEST_NAMES(IntegratorDescriptor, "TestIntegrator")
-TEST_NAMES(CounterDescriptor, "TestCounter")
-TEST_NAMES(SamplerDescriptor, "TestSampler")
-TEST_NAMES(TriggerDescriptor, "TestTrigger")
-TEST_NAMES(VecSourceDescriptor, "TestVecSource")
-
 namespace {
 
 void note(const wSimulationBlockDescriptor* d, double t) {
@@ -34,13 +21,16 @@ void note(const wSimulationBlockDescriptor* d, double t) {
     trace().push_back(s.str());
 }
 
+double in(const wSimulationBlockDescriptor* d, const unsigned char* data, int i) {
+    return readWire<double>(data, d->getInputWireOffset(i));
+}
 
 class Gain : public wSimulationBlockStateless {
 public:
     explicit Gain(const GainDescriptor* d) : wSimulationBlockStateless(d), d_(d) {}
     void update(double t, unsigned char* data) override {
         note(d_, t);
-        writeWire<double>(data, d_->getOutputWireOffset(0), d_->k.get() * readWire<double>(data, d_->getInputWireOffset(0)));
+        writeWire<double>(data, d_->getOutputWireOffset(0), d_->k.get() * in(d_, data, 0));
     }
 
 private:
@@ -49,20 +39,18 @@ private:
 
 class Add : public wSimulationBlockStateless {
 public:
-    explicit Add(const AddDescriptor* d) : wSimulationBlockStateless(d) {}
+    using wSimulationBlockStateless::wSimulationBlockStateless;
     void update(double t, unsigned char* data) override {
         note(descriptor_, t);
-        writeWire<double>(data, descriptor_->getOutputWireOffset(0),
-                          readWire<double>(data, descriptor_->getInputWireOffset(0)) +
-                              readWire<double>(data, descriptor_->getInputWireOffset(1)));
+        writeWire<double>(data, descriptor_->getOutputWireOffset(0), in(descriptor_, data, 0) + in(descriptor_, data, 1));
     }
 };
 
 class Integrator : public wSimulationBlockDiff {
 public:
-    explicit Integrator(const IntegratorDescriptor* d) : wSimulationBlockDiff(d) {}
+    using wSimulationBlockDiff::wSimulationBlockDiff;
     void calculate_dy(double, unsigned char* data, unsigned char* dy) override {
-        writeWire<double>(dy, descriptor_->getOutputWireOffset(0), readWire<double>(data, descriptor_->getInputWireOffset(0)));
+        writeWire<double>(dy, descriptor_->getOutputWireOffset(0), in(descriptor_, data, 0));
     }
 };
 
@@ -71,8 +59,7 @@ public:
     Counter(const CounterDescriptor* d, wSimulationSystem* s) : wSimulationBlockDisc(d, s), d_(d) {}
     double step(double t) override {
         note(d_, t);
-        ++count_;
-        writeWire<int>(system_->getDataPtr(), d_->getOutputWireOffset(0), count_);
+        writeWire<int>(system_->getDataPtr(), d_->getOutputWireOffset(0), ++count_);
         return d_->dt.get();
     }
     void reset() override { count_ = 0; }
@@ -88,9 +75,8 @@ public:
     Sampler(const SamplerDescriptor* d, wSimulationSystem* s) : wSimulationBlockDisc(d, s), d_(d) {}
     double step(double t) override {
         note(d_, t);
-        unsigned char* data = system_->getDataPtr();
-        last_ = readWire<double>(data, d_->getInputWireOffset(0));
-        writeWire<double>(data, d_->getOutputWireOffset(0), last_);
+        last_ = in(d_, system_->getDataPtr(), 0);
+        writeWire<double>(system_->getDataPtr(), d_->getOutputWireOffset(0), last_);
         return d_->dt.get();
     }
     void registerStateData() override { regVar(last_); }
@@ -120,7 +106,6 @@ const wLeadList& doubleOut() { static const wLeadList l{{"out", LEAD_DOUBLE}}; r
 }  // namespace
 
 std::unique_ptr<wSimulationBlockStateless> GainDescriptor::create(Lua::Loader*) const { return std::make_unique<Gain>(this); }
-wParameterList GainDescriptor::getParametersList() { wParameterList l; l.push_back(parameterRef("k", k)); return l; }
 const wLeadList& GainDescriptor::getInputWires_() const { return doubleIn(); }
 const wLeadList& GainDescriptor::getOutputWires_() const { return doubleOut(); }
 
@@ -133,11 +118,9 @@ const wLeadList& IntegratorDescriptor::getInputWires_() const { return doubleIn(
 const wLeadList& IntegratorDescriptor::getOutputWires_() const { static const wLeadList l{{"x", LEAD_DOUBLE}}; return l; }
 
 std::unique_ptr<wSimulationBlockDisc> CounterDescriptor::create(Lua::Loader*, wSimulationSystem* s) const { return std::make_unique<Counter>(this, s); }
-wParameterList CounterDescriptor::getParametersList() { wParameterList l; l.push_back(parameterRef("dt", dt)); return l; }
 const wLeadList& CounterDescriptor::getOutputWires_() const { static const wLeadList l{{"count", LEAD_INT}}; return l; }
 
 std::unique_ptr<wSimulationBlockDisc> SamplerDescriptor::create(Lua::Loader*, wSimulationSystem* s) const { return std::make_unique<Sampler>(this, s); }
-wParameterList SamplerDescriptor::getParametersList() { wParameterList l; l.push_back(parameterRef("dt", dt)); return l; }
 const wLeadList& SamplerDescriptor::getInputWires_() const { return doubleIn(); }
 const wLeadList& SamplerDescriptor::getOutputWires_() const { return doubleOut(); }
 
@@ -146,12 +129,9 @@ const wLeadList& TriggerDescriptor::getInputPorts_() const { static const wLeadL
 const wLeadList& TriggerDescriptor::getOutputPorts_() const { static const wLeadList l{{"out", LEAD_BOOL}}; return l; }
 
 std::unique_ptr<wSimulationBlockDisc> VecSourceDescriptor::create(Lua::Loader*, wSimulationSystem* s) const { return std::make_unique<VecSource>(this, s); }
-wParameterList VecSourceDescriptor::getParametersList() { wParameterList l; l.push_back(parameterRef("v", v)); return l; }
 const wLeadList& VecSourceDescriptor::getOutputWires_() const { static const wLeadList l{{"v", LEAD_VECTOR}}; return l; }
 
 Trigger::Trigger(const TriggerDescriptor* d) : wSimulationBlockStateless(d), in_(this, &Trigger::onIn_) {}
-wInputPortBase* Trigger::getInputPort(std::string_view name) { return name == "in" ? &in_ : nullptr; }
-wOutputPortBase* Trigger::getOutputPort(std::string_view name) { return name == "out" ? &out_ : nullptr; }
 void Trigger::onIn_(const bool& v) {
     ++arrivals;
     out_.setValue(!v);

@@ -7,30 +7,39 @@
 //                     parameter "dt" (the returned delay; -1 stops it)
 //   "TestSampler"     discrete: out = in at each step (double wires), parameter "dt"
 //   "TestTrigger"     stateless, ports only: bool "in" -> pushes !in on "out", counts arrivals
-//   "TestVecSource"   discrete: writes parameter "v" (Vec3d) to wire "v" once, returns -1
-// Every block logs its calls into a process-wide trace so tests can check order.
+//   "TestVecSource"   discrete: writes parameter "v" (Vec3d) to wire "v" once, no state
+//   "TestNesting"     subsystem-like: owns a scheme and shows its leads turned inside out
+// Every block but the last logs its calls ("<name>@<t>") into a process-wide trace.
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "vandrel/core/Ports.h"
 #include "vandrel/core/SimulationBlock.h"
 #include "vandrel/core/SimulationBlockDescriptor.h"
+#include "vandrel/runtime/SimulationException.h"
+#include "vandrel/scheme/SimulationSystemScheme.h"
 
 namespace testblocks {
 
 // Registers the test classes in the block factory (once per process).
 void registerAll();
 
-// "<block name>@<t>" for every update/step/derivative call since the last clear.
 std::vector<std::string>& trace();
 inline void clearTrace() { trace().clear(); }
 
+#define TESTBLOCK_NAMES(key)                  \
+    static const zo::string& getBlockClassNameS() { \
+        static const zo::string s = key;      \
+        return s;                             \
+    }                                         \
+    static const zo::string& getBlockTypeNameS() { return getBlockClassNameS(); }
+
 class GainDescriptor : public wDescriptorImpl<GainDescriptor, wSimulationBlockStatelessDescriptor> {
 public:
-    static const zo::string& getBlockClassNameS();
-    static const zo::string& getBlockTypeNameS();
+    TESTBLOCK_NAMES("TestGain")
     std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader*) const override;
-    wParameterList getParametersList() override;
+    wParameterList getParametersList() override { return {parameterRef("k", k)}; }
     wBlockParameterProxy<double> k{1.0};
 
 protected:
@@ -40,8 +49,7 @@ protected:
 
 class AddDescriptor : public wDescriptorImpl<AddDescriptor, wSimulationBlockStatelessDescriptor> {
 public:
-    static const zo::string& getBlockClassNameS();
-    static const zo::string& getBlockTypeNameS();
+    TESTBLOCK_NAMES("TestAdd")
     std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader*) const override;
 
 protected:
@@ -51,8 +59,7 @@ protected:
 
 class IntegratorDescriptor : public wDescriptorImpl<IntegratorDescriptor, wDiffDescriptorBase<IntegratorDescriptor>> {
 public:
-    static const zo::string& getBlockClassNameS();
-    static const zo::string& getBlockTypeNameS();
+    TESTBLOCK_NAMES("TestIntegrator")
     std::unique_ptr<wSimulationBlockDiff> create(Lua::Loader*) const override;
 
 protected:
@@ -62,10 +69,9 @@ protected:
 
 class CounterDescriptor : public wDescriptorImpl<CounterDescriptor, wSimulationBlockDiscDescriptor> {
 public:
-    static const zo::string& getBlockClassNameS();
-    static const zo::string& getBlockTypeNameS();
+    TESTBLOCK_NAMES("TestCounter")
     std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader*, wSimulationSystem*) const override;
-    wParameterList getParametersList() override;
+    wParameterList getParametersList() override { return {parameterRef("dt", dt)}; }
     wBlockParameterProxy<double> dt{0.1};
 
 protected:
@@ -74,10 +80,9 @@ protected:
 
 class SamplerDescriptor : public wDescriptorImpl<SamplerDescriptor, wSimulationBlockDiscDescriptor> {
 public:
-    static const zo::string& getBlockClassNameS();
-    static const zo::string& getBlockTypeNameS();
+    TESTBLOCK_NAMES("TestSampler")
     std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader*, wSimulationSystem*) const override;
-    wParameterList getParametersList() override;
+    wParameterList getParametersList() override { return {parameterRef("dt", dt)}; }
     wBlockParameterProxy<double> dt{0.1};
 
 protected:
@@ -87,8 +92,7 @@ protected:
 
 class TriggerDescriptor : public wDescriptorImpl<TriggerDescriptor, wSimulationBlockStatelessDescriptor> {
 public:
-    static const zo::string& getBlockClassNameS();
-    static const zo::string& getBlockTypeNameS();
+    TESTBLOCK_NAMES("TestTrigger")
     std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader*) const override;
 
 protected:
@@ -98,22 +102,45 @@ protected:
 
 class VecSourceDescriptor : public wDescriptorImpl<VecSourceDescriptor, wSimulationBlockDiscDescriptor> {
 public:
-    static const zo::string& getBlockClassNameS();
-    static const zo::string& getBlockTypeNameS();
+    TESTBLOCK_NAMES("TestVecSource")
     std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader*, wSimulationSystem*) const override;
-    wParameterList getParametersList() override;
+    wParameterList getParametersList() override { return {parameterRef("v", v)}; }
     wBlockParameterProxy<Vec3d> v{Vec3d{}};
 
 protected:
     const wLeadList& getOutputWires_() const override;
 };
 
+// A discrete block owning a scheme: its input wires are the nested scheme's inputs, its
+// outputs the nested outputs. Enough for the layout, not runnable.
+class NestingDescriptor : public wDescriptorImpl<NestingDescriptor, wSimulationBlockDiscDescriptor> {
+public:
+    TESTBLOCK_NAMES("TestNesting")
+    NestingDescriptor() : nested_(std::make_unique<wSimulationSystemScheme>()) {}
+    NestingDescriptor(const NestingDescriptor& o)
+        : wDescriptorImpl(o), nested_(std::make_unique<wSimulationSystemScheme>(*o.nested_)) {}
+    bool isOfType(weBlockType t) const override { return t == BLOCK_DISCRETE || t == BLOCK_SUBSYSTEM; }
+    wSimulationSystemScheme* getNestedScheme() const override { return nested_.get(); }
+    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader*, wSimulationSystem*) const override {
+        throw wSimulationException("TestNesting is not runnable");
+    }
+
+protected:
+    const wLeadList& getInputWires_() const override { return nested_->getIOLeads(false, false); }
+    const wLeadList& getOutputWires_() const override { return nested_->getIOLeads(true, false); }
+
+private:
+    std::unique_ptr<wSimulationSystemScheme> nested_;
+};
+
+#undef TESTBLOCK_NAMES
+
 // Runtime side of TestTrigger, exposed so tests can count arrivals.
 class Trigger : public wSimulationBlockStateless {
 public:
     explicit Trigger(const TriggerDescriptor* d);
-    wInputPortBase* getInputPort(std::string_view name) override;
-    wOutputPortBase* getOutputPort(std::string_view name) override;
+    wInputPortBase* getInputPort(std::string_view name) override { return name == "in" ? &in_ : nullptr; }
+    wOutputPortBase* getOutputPort(std::string_view name) override { return name == "out" ? &out_ : nullptr; }
     void update(double, unsigned char*) override {}
     int arrivals = 0;
 
