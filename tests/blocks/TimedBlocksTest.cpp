@@ -107,6 +107,12 @@ TEST(TimerBlocks, MultipleDelaysAndTheDelayWire) {
         EXPECT_EQ(wire.system->getOutput<bool>("w.triggered"), t > 2.0) << "t = " << t;
     }
     EXPECT_EQ(wire.system->getSchemeStateDataSize(), 0);
+    b.add("multi", "wBlockDelayTriggerMultipleDescriptor", params({{"dt", "0.5"}, {"delay_time", "{ 3, 1.5, 7 }"}}));
+    auto scheme = testutil::saveAndReload(b.s.text());
+    EXPECT_EQ(testutil::parametersOf(*scheme, "multi"), "dt=0.5, delay_time=3 1.5 7");
+    EXPECT_EQ(testutil::parametersOf(*scheme, "w"), "dt=0.5, delay_par=2");
+    EXPECT_EQ(testutil::parametersOf(*testutil::saveAndReload(Delay::text("0.125", true, "2.5")), "delay"),
+              "dt=0.125, enabled=1, delay_time=2.5");
 }
 
 TEST(TimerBlocks, IncTimerMovesByKtTimesDt) {
@@ -199,86 +205,53 @@ TEST(TimerBlocks, FlagTimerActivationAndTiming) {
 }
 
 TEST(TimerBlocks, StateBlobContinuesBitIdenticallyAndSettingsReload) {
-    SchemeText s;
-    const int inc = s.block("inc", "wBlockGo2doubleOntimerDescriptor",
-                            params({{"dt", "0.25"}, {"K_t", "0.3"}, {"use_start_val", "true"}, {"start_val", "0.1"},
-                                    {"activate_by_port", "false"}, {"loop", "true"}}));
-    const int flag = s.block("flag", "wBlockFlagOnSignalTimerDescriptor",
-                             params({{"dt", "0.25"}, {"activation_check_delay", "1"}, {"flag_timer", "1.1"}, {"control_signal", "true"},
-                                     {"activate_by_not_control_signal", "false"}, {"activate_by_port", "true"}}));
-    const int ramp = s.block("ramp", "wBlockRampDescriptor", params({{"dt", "0.25"}, {"slope", "-3.5"}}));
-    s.block("delay", "wBlockDelayTriggerDescriptor", params({{"dt", "0.125"}, {"enabled", "true"}, {"delay_time", "2.5"}}));
-    s.block("multi", "wBlockDelayTriggerMultipleDescriptor", params({{"dt", "0.5"}, {"delay_time", "{ 3, 1.5, 7 }"}}));
-    s.block("wire", "wBlockDelayTriggerWireDescriptor", params({{"dt", "0.25"}, {"delay_par", "4.5"}}));
-    s.inputWire("target", LEAD_DOUBLE);
-    s.inputWire("signal", LEAD_BOOL);
-    s.inputPort("activate", LEAD_BOOL);
-    s.outputWire("value", LEAD_DOUBLE);
-    s.outputWire("flag", LEAD_BOOL);
-    s.wire(kIO, "target", inc, "target");
-    s.wire(kIO, "target", ramp, "target");
-    s.wire(kIO, "signal", flag, "signal");
-    s.port(kIO, "activate", flag, "activate");
-    s.wire(inc, "output", kIO, "value");
-    s.wire(flag, "timer_flag", kIO, "flag");
-    auto scheme = testutil::saveAndReload(s.text());
+    // Timers with registered state, and a ramp (state size 0).
+    Bench b;
+    b.add("inc", "wBlockGo2doubleOntimerDescriptor", params({{"dt", "0.25"}, {"K_t", "0.3"}, {"use_start_val", "true"},
+                                                             {"start_val", "0.1"}, {"activate_by_port", "false"}, {"loop", "true"}}));
+    const int flag = b.add("flag", "wBlockFlagOnSignalTimerDescriptor",
+                           params({{"dt", "0.25"}, {"activation_check_delay", "1"}, {"flag_timer", "1.1"}, {"control_signal", "true"},
+                                   {"activate_by_not_control_signal", "false"}, {"activate_by_port", "true"}}));
+    b.add("ramp", "wBlockRampDescriptor", params({{"dt", "0.25"}, {"slope", "-3.5"}}));
+    b.s.inputPort("activate", LEAD_BOOL);
+    b.s.port(kIO, "activate", flag, "activate");
+    auto scheme = testutil::saveAndReload(b.s.text());
     EXPECT_EQ(testutil::parametersOf(*scheme, "inc"), "dt=0.25, K_t=0.3, use_start_val=1, start_val=0.1, activate_by_port=0, loop=1");
     EXPECT_EQ(testutil::parametersOf(*scheme, "flag"), "dt=0.25, activation_check_delay=1, flag_timer=1.1, control_signal=1, "
                                                        "activate_by_not_control_signal=0, activate_by_port=1");
     EXPECT_EQ(testutil::parametersOf(*scheme, "ramp"), "dt=0.25, slope=-3.5");
-    EXPECT_EQ(testutil::parametersOf(*scheme, "delay"), "dt=0.125, enabled=1, delay_time=2.5");
-    EXPECT_EQ(testutil::parametersOf(*scheme, "multi"), "dt=0.5, delay_time=3 1.5 7");
-    EXPECT_EQ(testutil::parametersOf(*scheme, "wire"), "dt=0.25, delay_par=4.5");
 
-    s = SchemeText();  // the timers with registered state, and a ramp (state size 0)
-    s.block("inc", "wBlockGo2doubleOntimerDescriptor", params({{"dt", "0.25"}, {"K_t", "0.3"}, {"use_start_val", "true"},
-                                                                {"start_val", "0.1"}, {"activate_by_port", "false"}, {"loop", "true"}}));
-    s.block("flag", "wBlockFlagOnSignalTimerDescriptor", params({{"dt", "0.25"}, {"activation_check_delay", "1"}, {"flag_timer", "1.1"},
-                                                                 {"control_signal", "true"}, {"activate_by_not_control_signal", "false"},
-                                                                 {"activate_by_port", "true"}}));
-    s.block("ramp", "wBlockRampDescriptor", params({{"dt", "0.25"}, {"slope", "1"}}));
-    s.inputWire("target", LEAD_DOUBLE);
-    s.inputWire("signal", LEAD_BOOL);
-    s.inputPort("activate", LEAD_BOOL);
-    s.outputWire("value", LEAD_DOUBLE);
-    s.outputWire("flag", LEAD_BOOL);
-    s.wire(kIO, "target", 0, "target");
-    s.wire(kIO, "target", 2, "target");
-    s.wire(kIO, "signal", 1, "signal");
-    s.port(kIO, "activate", 1, "activate");
-    s.wire(0, "output", kIO, "value");
-    s.wire(1, "timer_flag", kIO, "flag");
-    Running r(s.text());
+    Running r(b.s.text());
+    auto copy = r.scheme->instantiate();
+    for (wSimulationSystem* sys : {r.system.get(), copy.get()}) {
+        sys->setInput<double>("inc.target", 1.7);
+        sys->setInput<bool>("flag.signal", true);
+    }
     wSimulationSystem& sys = *r.system;
-    sys.setInput<double>("target", 1.7);
-    sys.setInput<bool>("signal", true);
     double T = 0.0;
     for (int i = 0; i < 6; ++i) T += sys.simulate(T);
     // Activated through the port, then three updates on the control value: 0.75 s held.
     sendToInput(sys, "activate", true);
     for (int i = 0; i < 3; ++i) T += sys.simulate(T);
-    EXPECT_FALSE(sys.getOutput<bool>("flag"));
+    EXPECT_FALSE(sys.getOutput<bool>("flag.timer_flag"));
     // inc: value 8 + first-update flag 1 + active flag 1; flag: 1 + 1 + elapsed 8; ramp: 0.
     zo::vector<unsigned char> blob;
     ASSERT_TRUE(sys.getSchemeStateData(&blob));
     ASSERT_EQ(blob.size(), 20u);
-    const double saved = sys.getOutput<double>("value");
+    const double saved = sys.getOutput<double>("inc.output");
     EXPECT_EQ(std::memcmp(blob.data(), &saved, sizeof saved), 0);
     EXPECT_EQ(std::vector<int>(blob.begin() + 8, blob.begin() + 12), std::vector<int>({0, 1, 1, 0}));
     EXPECT_EQ(sys.getSchemeQueueTime(), T);
-    auto copy = r.scheme->instantiate();
+    // A fresh system of the same scheme, given the blob and the queue time, continues.
     copy->setSchemeStateData(&blob);
     copy->setSchemeQueueTime(T);
-    copy->setInput<double>("target", 1.7);
-    copy->setInput<bool>("signal", true);
     bool raised = false;
-    for (int i = 0; i < 12; ++i) {
+    for (int i = 0; i < 12; ++i, T += 0.25) {
         EXPECT_EQ(sys.simulate(T), copy->simulate(T));
-        const double a = sys.getOutput<double>("value"), b = copy->getOutput<double>("value");
-        EXPECT_EQ(std::memcmp(&a, &b, sizeof a), 0) << i;
-        EXPECT_EQ(sys.getOutput<bool>("flag"), copy->getOutput<bool>("flag")) << i;
-        raised = raised || sys.getOutput<bool>("flag");
-        T += 0.25;
+        const double a = sys.getOutput<double>("inc.output"), c = copy->getOutput<double>("inc.output");
+        EXPECT_EQ(std::memcmp(&a, &c, sizeof a), 0) << i;
+        EXPECT_EQ(sys.getOutput<bool>("flag.timer_flag"), copy->getOutput<bool>("flag.timer_flag")) << i;
+        raised = raised || sys.getOutput<bool>("flag.timer_flag");
     }
     EXPECT_TRUE(raised);  // the continuation depended on the restored elapsed time
 }

@@ -1,6 +1,7 @@
 #include "support/TestBlocks.h"
 
 #include <sstream>
+#include <type_traits>
 
 #include "vandrel/core/Wire.h"
 #include "vandrel/runtime/SimulationSystem.h"
@@ -25,26 +26,21 @@ double in(const wSimulationBlockDescriptor* d, const unsigned char* data, int i)
     return readWire<double>(data, d->getInputWireOffset(i));
 }
 
-class Gain : public wSimulationBlockStateless {
+// Stateless: out = f(descriptor, inputs).
+template <class D, double (*f)(const D*, const unsigned char*)>
+class Function : public wSimulationBlockStateless {
 public:
-    explicit Gain(const GainDescriptor* d) : wSimulationBlockStateless(d), d_(d) {}
+    explicit Function(const D* d) : wSimulationBlockStateless(d), d_(d) {}
     void update(double t, unsigned char* data) override {
         note(d_, t);
-        writeWire<double>(data, d_->getOutputWireOffset(0), d_->k.get() * in(d_, data, 0));
+        writeWire<double>(data, d_->getOutputWireOffset(0), f(d_, data));
     }
 
 private:
-    const GainDescriptor* d_;
+    const D* d_;
 };
-
-class Add : public wSimulationBlockStateless {
-public:
-    using wSimulationBlockStateless::wSimulationBlockStateless;
-    void update(double t, unsigned char* data) override {
-        note(descriptor_, t);
-        writeWire<double>(data, descriptor_->getOutputWireOffset(0), in(descriptor_, data, 0) + in(descriptor_, data, 1));
-    }
-};
+double gain(const GainDescriptor* d, const unsigned char* data) { return d->k.get() * in(d, data, 0); }
+double sum(const AddDescriptor* d, const unsigned char* data) { return in(d, data, 0) + in(d, data, 1); }
 
 class Integrator : public wSimulationBlockDiff {
 public:
@@ -54,87 +50,56 @@ public:
     }
 };
 
-class Counter : public wSimulationBlockDisc {
+// Discrete: steps every dt, keeping `value` as its state.
+template <class D, class T>
+class Stepper : public wSimulationBlockDisc {
 public:
-    Counter(const CounterDescriptor* d, wSimulationSystem* s) : wSimulationBlockDisc(d, s), d_(d) {}
+    Stepper(const D* d, wSimulationSystem* s) : wSimulationBlockDisc(d, s), d_(d) {}
     double step(double t) override {
         note(d_, t);
-        writeWire<int>(system_->getDataPtr(), d_->getOutputWireOffset(0), ++count_);
-        return d_->dt.get();
+        unsigned char* data = system_->getDataPtr();
+        if constexpr (std::is_same_v<D, CounterDescriptor>) value_ += 1;
+        else if constexpr (std::is_same_v<D, SamplerDescriptor>) value_ = in(d_, data, 0);
+        else value_ = d_->v.get();
+        writeWire<T>(data, d_->getOutputWireOffset(0), value_);
+        if constexpr (std::is_same_v<D, VecSourceDescriptor>) return -1.0;
+        else return d_->dt.get();
     }
-    void reset() override { count_ = 0; }
-    void registerStateData() override { regVar(count_); }
+    void reset() override { value_ = T{}; }
+    void registerStateData() override {
+        if constexpr (!std::is_same_v<D, VecSourceDescriptor>) regVar(value_);
+    }
+    int getBlockStateDataSize() const override {
+        return std::is_same_v<D, VecSourceDescriptor> ? 0 : wSimulationBlockDisc::getBlockStateDataSize();
+    }
 
 private:
-    const CounterDescriptor* d_;
-    int count_ = 0;  // steps taken since reset
+    const D* d_;
+    T value_{};
 };
-
-class Sampler : public wSimulationBlockDisc {
-public:
-    Sampler(const SamplerDescriptor* d, wSimulationSystem* s) : wSimulationBlockDisc(d, s), d_(d) {}
-    double step(double t) override {
-        note(d_, t);
-        last_ = in(d_, system_->getDataPtr(), 0);
-        writeWire<double>(system_->getDataPtr(), d_->getOutputWireOffset(0), last_);
-        return d_->dt.get();
-    }
-    void registerStateData() override { regVar(last_); }
-
-private:
-    const SamplerDescriptor* d_;
-    double last_ = 0;  // last sampled value
-};
-
-class VecSource : public wSimulationBlockDisc {
-public:
-    VecSource(const VecSourceDescriptor* d, wSimulationSystem* s) : wSimulationBlockDisc(d, s), d_(d) {}
-    double step(double t) override {
-        note(d_, t);
-        writeWire<Vec3d>(system_->getDataPtr(), d_->getOutputWireOffset(0), d_->v.get());
-        return -1.0;
-    }
-    int getBlockStateDataSize() const override { return 0; }
-
-private:
-    const VecSourceDescriptor* d_;
-};
-
-const wLeadList& doubleIn() { static const wLeadList l{{"in", LEAD_DOUBLE}}; return l; }
-const wLeadList& doubleOut() { static const wLeadList l{{"out", LEAD_DOUBLE}}; return l; }
 
 }  // namespace
 
-std::unique_ptr<wSimulationBlockStateless> GainDescriptor::create(Lua::Loader*) const { return std::make_unique<Gain>(this); }
-const wLeadList& GainDescriptor::getInputWires_() const { return doubleIn(); }
-const wLeadList& GainDescriptor::getOutputWires_() const { return doubleOut(); }
-
-std::unique_ptr<wSimulationBlockStateless> AddDescriptor::create(Lua::Loader*) const { return std::make_unique<Add>(this); }
-const wLeadList& AddDescriptor::getInputWires_() const { static const wLeadList l{{"a", LEAD_DOUBLE}, {"b", LEAD_DOUBLE}}; return l; }
-const wLeadList& AddDescriptor::getOutputWires_() const { return doubleOut(); }
-
-std::unique_ptr<wSimulationBlockDiff> IntegratorDescriptor::create(Lua::Loader*) const { return std::make_unique<Integrator>(this); }
-const wLeadList& IntegratorDescriptor::getInputWires_() const { return doubleIn(); }
-const wLeadList& IntegratorDescriptor::getOutputWires_() const { static const wLeadList l{{"x", LEAD_DOUBLE}}; return l; }
-
-std::unique_ptr<wSimulationBlockDisc> CounterDescriptor::create(Lua::Loader*, wSimulationSystem* s) const { return std::make_unique<Counter>(this, s); }
-const wLeadList& CounterDescriptor::getOutputWires_() const { static const wLeadList l{{"count", LEAD_INT}}; return l; }
-
-std::unique_ptr<wSimulationBlockDisc> SamplerDescriptor::create(Lua::Loader*, wSimulationSystem* s) const { return std::make_unique<Sampler>(this, s); }
-const wLeadList& SamplerDescriptor::getInputWires_() const { return doubleIn(); }
-const wLeadList& SamplerDescriptor::getOutputWires_() const { return doubleOut(); }
-
-std::unique_ptr<wSimulationBlockStateless> TriggerDescriptor::create(Lua::Loader*) const { return std::make_unique<Trigger>(this); }
-const wLeadList& TriggerDescriptor::getInputPorts_() const { static const wLeadList l{{"in", LEAD_BOOL}}; return l; }
-const wLeadList& TriggerDescriptor::getOutputPorts_() const { static const wLeadList l{{"out", LEAD_BOOL}}; return l; }
-
-std::unique_ptr<wSimulationBlockDisc> VecSourceDescriptor::create(Lua::Loader*, wSimulationSystem* s) const { return std::make_unique<VecSource>(this, s); }
-const wLeadList& VecSourceDescriptor::getOutputWires_() const { static const wLeadList l{{"v", LEAD_VECTOR}}; return l; }
-
-Trigger::Trigger(const TriggerDescriptor* d) : wSimulationBlockStateless(d), in_(this, &Trigger::onIn_) {}
-void Trigger::onIn_(const bool& v) {
-    ++arrivals;
-    out_.setValue(!v);
+std::unique_ptr<wSimulationBlockStateless> GainDescriptor::create(Lua::Loader*) const {
+    return std::make_unique<Function<GainDescriptor, gain>>(this);
+}
+std::unique_ptr<wSimulationBlockStateless> AddDescriptor::create(Lua::Loader*) const {
+    return std::make_unique<Function<AddDescriptor, sum>>(this);
+}
+std::unique_ptr<wSimulationBlockStateless> TriggerDescriptor::create(Lua::Loader*) const {
+    return std::make_unique<Trigger>(this);
+}
+std::unique_ptr<wSimulationBlockDiff> IntegratorDescriptor::create(Lua::Loader*) const {
+    return std::make_unique<Integrator>(this);
+}
+std::unique_ptr<wSimulationBlockDisc> CounterDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
+    return std::make_unique<Stepper<CounterDescriptor, int>>(this, s);
+}
+std::unique_ptr<wSimulationBlockDisc> SamplerDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
+    return std::make_unique<Stepper<SamplerDescriptor, double>>(this, s);
+}
+std::unique_ptr<wSimulationBlockDisc> VecSourceDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
+    return std::make_unique<Stepper<VecSourceDescriptor, Vec3d>>(this, s);
 }
 
 void registerAll() {
