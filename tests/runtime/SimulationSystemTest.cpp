@@ -17,7 +17,14 @@ using testutil::messageOf;
 
 namespace {
 
-// A discrete block that registers no state (so a scheme holding it has none to save).
+// A discrete block that registers no state (so a scheme holding it has none to save),
+// and notes whether its system still had a data area when it was destroyed.
+struct Silent : wSimulationBlockDisc {
+    using wSimulationBlockDisc::wSimulationBlockDisc;
+    ~Silent() override { hadData = system_->getDataPtr() != nullptr; }
+    double step(double) override { return 1.0; }
+    static inline bool hadData = false;
+};
 class SilentDescriptor : public wDescriptorImpl<SilentDescriptor, wSimulationBlockDiscDescriptor> {
 public:
     static const zo::string& getBlockClassNameS() {
@@ -27,10 +34,6 @@ public:
     static const zo::string& getBlockTypeNameS() { return getBlockClassNameS(); }
     std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader*, wSimulationSystem* s) const override {
         if (fail) throw wSimulationException("TestSilent cannot run");
-        struct Silent : wSimulationBlockDisc {
-            using wSimulationBlockDisc::wSimulationBlockDisc;
-            double step(double) override { return 1.0; }
-        };
         return std::make_unique<Silent>(this, s);
     }
     bool fail = false;
@@ -186,6 +189,9 @@ TEST(RuntimeSystem, StateBlobConcatenatesBlockBlobsInDiscreteOrder) {
     unsaveable->setSchemeStateData(&blob);  // nothing is restored either
     unsaveable->simulate(0.0);
     EXPECT_EQ(unsaveable->getOutput<int>("n"), 1);
+    // Runtime blocks go before the data area: a nested system may still work in it.
+    unsaveable.reset();
+    EXPECT_TRUE(Silent::hadData);
     // No discrete blocks at all: empty state, empty queue.
     Builder none;
     none.inputWire("u");

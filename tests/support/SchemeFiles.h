@@ -105,7 +105,10 @@ private:
 // nested scheme). Scheme inputs are the I/O block's outputs; null stands for the I/O block.
 class Builder {
 public:
-    explicit Builder(wSimulationSystemScheme* into = nullptr) : s_(into ? *into : scheme) { testblocks::clearTrace(); }
+    explicit Builder(wSimulationSystemScheme* into = nullptr) : s_(into ? *into : scheme) {
+        testblocks::registerAll();  // so that what it saves loads again
+        testblocks::clearTrace();
+    }
     Builder(const Builder&) = delete;
     Builder& operator=(const Builder&) = delete;
     template <class D>
