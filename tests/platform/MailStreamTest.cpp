@@ -1,4 +1,4 @@
-// Mail::BitStream: LSB-first packing, round trips of mixed fields and overrun.
+// The bit stream that carries wire values through the serializer blocks.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -8,83 +8,67 @@
 
 namespace {
 
-TEST(MailBitStream, PacksLeastSignificantBitFirst) {
-    Mail::BitStream stream;
-    EXPECT_TRUE(stream.isWriting());
-    std::uint8_t one = 1;
-    std::uint8_t byte = 0xAB;
-    std::uint16_t twelve = 0x0FED;  // only the low 12 bits travel
-    stream.transferBits(&one, 1);
-    stream.transferBits(&byte, 8);
-    stream.transferBits(&twelve, 12);
-    EXPECT_EQ(stream.bitCount(), 21u);
-    ASSERT_EQ(stream.bytes().size(), 3u);
-    // bit 0: 1; bits 1..8: 0xAB; bits 9..20: 0xFED.
-    const std::uint32_t expected = 1u | (0xABu << 1) | (0xFEDu << 9);
-    EXPECT_EQ(stream.bytes()[0], expected & 0xFF);
-    EXPECT_EQ(stream.bytes()[1], (expected >> 8) & 0xFF);
-    EXPECT_EQ(stream.bytes()[2], (expected >> 16) & 0xFF);
-}
+TEST(MailBitStream, PacksLeastSignificantBitFirstAlignedOrNot) {
+    Mail::BitStream s;
+    EXPECT_TRUE(s.isWriting());
+    std::uint16_t twelve = 0xFFED;  // only the low 12 bits travel
+    std::uint8_t one = 1, byte = 0xAB;
+    s.transferBits(&twelve, 12);  // at a byte boundary
+    s.transferBits(&one, 1);
+    s.transferBits(&byte, 8);  // across one
+    EXPECT_EQ(s.bitCount(), 21u);
+    EXPECT_EQ(s.bytes(), (zo::vector<std::uint8_t>{0xED, 0x7F, 0x15}));  // 0xFED | 1 << 12 | 0xAB << 13
 
-TEST(MailBitStream, MixedFieldsRoundTrip) {
-    Mail::BitStream stream;
-    // A bool, an int and a double: 1 + 32 + 64 = 97 bits, then the same again unaligned.
+    // Mixed fields round trip: 1 + 32 + 64 bits, twice, then 64 more, reading what was written.
+    Mail::BitStream m;
     bool flag = true;
     std::int32_t number = -123456789;
     double value = -2.5e-7;
     std::uint64_t pattern = 0x8123456789ABCDEFull;
     for (int round = 0; round < 2; ++round) {
-        stream.transferBits(&flag, 1);
-        stream.transferBits(&number, 32);
-        stream.transferBits(&value, 64);
+        m.transferBits(&flag, 1);
+        m.transferBits(&number, 32);
+        m.transferBits(&value, 64);
     }
-    stream.transferBits(&pattern, 64);
-    EXPECT_EQ(stream.bitCount(), 97u * 2 + 64);
-    EXPECT_EQ(stream.bytes().size(), (97u * 2 + 64 + 7) / 8);
-
-    stream.rewind();
-    EXPECT_FALSE(stream.isWriting());
+    m.transferBits(&pattern, 64);
+    EXPECT_EQ(m.bytes().size(), (97u * 2 + 64 + 7) / 8);
+    m.rewind();
+    EXPECT_FALSE(m.isWriting());
     for (int round = 0; round < 2; ++round) {
-        bool flagBack = false;
-        std::int32_t numberBack = 0;
-        double valueBack = 0;
-        stream.transferBits(&flagBack, 1);
-        stream.transferBits(&numberBack, 32);
-        stream.transferBits(&valueBack, 64);
-        EXPECT_TRUE(flagBack);
-        EXPECT_EQ(numberBack, number);
-        EXPECT_EQ(std::memcmp(&valueBack, &value, sizeof value), 0);
+        bool f = false;
+        std::int32_t n = 0;
+        double v = 0;
+        m.transferBits(&f, 1);
+        m.transferBits(&n, 32);
+        m.transferBits(&v, 64);
+        EXPECT_TRUE(f);
+        EXPECT_EQ(n, number);
+        EXPECT_EQ(std::memcmp(&v, &value, sizeof v), 0);
     }
-    std::uint64_t patternBack = 0;
-    stream.transferBits(&patternBack, 64);
-    EXPECT_EQ(patternBack, pattern);
-    EXPECT_EQ(stream.position(), stream.bitCount());
-    EXPECT_FALSE(stream.overrun());
-
-    // Reading on past the end gives zero bits and flags the overrun.
-    std::uint8_t extra = 0xFF;
-    stream.transferBits(&extra, 3);
-    EXPECT_EQ(extra, 0xF8);  // only the three requested bits change
-    EXPECT_TRUE(stream.overrun());
+    std::uint64_t back = 0;
+    m.transferBits(&back, 64);
+    EXPECT_EQ(back, pattern);
+    EXPECT_EQ(m.position(), m.bitCount());
+    EXPECT_FALSE(m.overrun());
 }
 
-TEST(MailBitStream, ReadingGivenBytesAndPartialOverrun) {
-    Mail::BitStream stream(zo::vector<std::uint8_t>{0x34, 0x12});
-    EXPECT_FALSE(stream.isWriting());
-    EXPECT_EQ(stream.bitCount(), 16u);
+TEST(MailBitStream, ReadingGivenBytesAndOverrun) {
+    Mail::BitStream s(zo::vector<std::uint8_t>{0x34, 0x12});
+    EXPECT_FALSE(s.isWriting());
+    EXPECT_EQ(s.bitCount(), 16u);
     std::uint8_t nibble = 0xA0;
-    stream.transferBits(&nibble, 4);
-    EXPECT_EQ(nibble, 0xA4);
+    s.transferBits(&nibble, 4);
+    EXPECT_EQ(nibble, 0xA4);  // only the requested bits change
     std::uint32_t word = 0xFFFFFFFF;
-    stream.transferBits(&word, 32);  // 12 bits are there, 20 are not
+    s.transferBits(&word, 32);  // 12 bits are there, 20 are not: zeros
     EXPECT_EQ(word, 0x123u);
-    EXPECT_TRUE(stream.overrun());
-    stream.rewind();
-    EXPECT_FALSE(stream.overrun());
+    EXPECT_TRUE(s.overrun());
+    s.rewind();
+    EXPECT_FALSE(s.overrun());
     std::uint16_t all = 0;
-    stream.transferBits(&all, 16);
+    s.transferBits(&all, 16);
     EXPECT_EQ(all, 0x1234);
-    EXPECT_FALSE(stream.overrun());
+    EXPECT_FALSE(s.overrun());
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "support/TestBlocks.h"
 
 #include <sstream>
+#include <type_traits>
 
 #include "vandrel/core/Wire.h"
 #include "vandrel/runtime/SimulationSystem.h"
@@ -13,19 +14,6 @@ std::vector<std::string>& trace() {
     return t;
 }
 
-// Both names are the registration key for test blocks.
-#define TEST_NAMES(Cls, key)                                                  \
-    const zo::string& Cls::getBlockClassNameS() { static const zo::string s = key; return s; } \
-    const zo::string& Cls::getBlockTypeNameS() { static const zo::string s = key; return s; }
-
-TEST_NAMES(GainDescriptor, "TestGain")
-TEST_NAMES(AddDescriptor, "TestAdd")
-TEST_NAMES(IntegratorDescriptor, "TestIntegrator")
-TEST_NAMES(CounterDescriptor, "TestCounter")
-TEST_NAMES(SamplerDescriptor, "TestSampler")
-TEST_NAMES(TriggerDescriptor, "TestTrigger")
-TEST_NAMES(VecSourceDescriptor, "TestVecSource")
-
 namespace {
 
 void note(const wSimulationBlockDescriptor* d, double t) {
@@ -34,127 +22,84 @@ void note(const wSimulationBlockDescriptor* d, double t) {
     trace().push_back(s.str());
 }
 
+double in(const wSimulationBlockDescriptor* d, const unsigned char* data, int i) {
+    return readWire<double>(data, d->getInputWireOffset(i));
+}
 
-class Gain : public wSimulationBlockStateless {
+// Stateless: out = f(descriptor, inputs).
+template <class D, double (*f)(const D*, const unsigned char*)>
+class Function : public wSimulationBlockStateless {
 public:
-    explicit Gain(const GainDescriptor* d) : wSimulationBlockStateless(d), d_(d) {}
+    explicit Function(const D* d) : wSimulationBlockStateless(d), d_(d) {}
     void update(double t, unsigned char* data) override {
         note(d_, t);
-        writeWire<double>(data, d_->getOutputWireOffset(0), d_->k.get() * readWire<double>(data, d_->getInputWireOffset(0)));
+        writeWire<double>(data, d_->getOutputWireOffset(0), f(d_, data));
     }
 
 private:
-    const GainDescriptor* d_;
+    const D* d_;
 };
-
-class Add : public wSimulationBlockStateless {
-public:
-    explicit Add(const AddDescriptor* d) : wSimulationBlockStateless(d) {}
-    void update(double t, unsigned char* data) override {
-        note(descriptor_, t);
-        writeWire<double>(data, descriptor_->getOutputWireOffset(0),
-                          readWire<double>(data, descriptor_->getInputWireOffset(0)) +
-                              readWire<double>(data, descriptor_->getInputWireOffset(1)));
-    }
-};
+double gain(const GainDescriptor* d, const unsigned char* data) { return d->k.get() * in(d, data, 0); }
+double sum(const AddDescriptor* d, const unsigned char* data) { return in(d, data, 0) + in(d, data, 1); }
 
 class Integrator : public wSimulationBlockDiff {
 public:
-    explicit Integrator(const IntegratorDescriptor* d) : wSimulationBlockDiff(d) {}
+    using wSimulationBlockDiff::wSimulationBlockDiff;
     void calculate_dy(double, unsigned char* data, unsigned char* dy) override {
-        writeWire<double>(dy, descriptor_->getOutputWireOffset(0), readWire<double>(data, descriptor_->getInputWireOffset(0)));
+        writeWire<double>(dy, descriptor_->getOutputWireOffset(0), in(descriptor_, data, 0));
     }
 };
 
-class Counter : public wSimulationBlockDisc {
+// Discrete: steps every dt, keeping `value` as its state.
+template <class D, class T>
+class Stepper : public wSimulationBlockDisc {
 public:
-    Counter(const CounterDescriptor* d, wSimulationSystem* s) : wSimulationBlockDisc(d, s), d_(d) {}
-    double step(double t) override {
-        note(d_, t);
-        ++count_;
-        writeWire<int>(system_->getDataPtr(), d_->getOutputWireOffset(0), count_);
-        return d_->dt.get();
-    }
-    void reset() override { count_ = 0; }
-    void registerStateData() override { regVar(count_); }
-
-private:
-    const CounterDescriptor* d_;
-    int count_ = 0;  // steps taken since reset
-};
-
-class Sampler : public wSimulationBlockDisc {
-public:
-    Sampler(const SamplerDescriptor* d, wSimulationSystem* s) : wSimulationBlockDisc(d, s), d_(d) {}
+    Stepper(const D* d, wSimulationSystem* s) : wSimulationBlockDisc(d, s), d_(d) {}
     double step(double t) override {
         note(d_, t);
         unsigned char* data = system_->getDataPtr();
-        last_ = readWire<double>(data, d_->getInputWireOffset(0));
-        writeWire<double>(data, d_->getOutputWireOffset(0), last_);
-        return d_->dt.get();
+        if constexpr (std::is_same_v<D, CounterDescriptor>) value_ += 1;
+        else if constexpr (std::is_same_v<D, SamplerDescriptor>) value_ = in(d_, data, 0);
+        else value_ = d_->v.get();
+        writeWire<T>(data, d_->getOutputWireOffset(0), value_);
+        if constexpr (std::is_same_v<D, VecSourceDescriptor>) return -1.0;
+        else return d_->dt.get();
     }
-    void registerStateData() override { regVar(last_); }
+    void reset() override { value_ = T{}; }
+    void registerStateData() override {
+        if constexpr (!std::is_same_v<D, VecSourceDescriptor>) regVar(value_);
+    }
+    int getBlockStateDataSize() const override {
+        return std::is_same_v<D, VecSourceDescriptor> ? 0 : wSimulationBlockDisc::getBlockStateDataSize();
+    }
 
 private:
-    const SamplerDescriptor* d_;
-    double last_ = 0;  // last sampled value
+    const D* d_;
+    T value_{};
 };
-
-class VecSource : public wSimulationBlockDisc {
-public:
-    VecSource(const VecSourceDescriptor* d, wSimulationSystem* s) : wSimulationBlockDisc(d, s), d_(d) {}
-    double step(double t) override {
-        note(d_, t);
-        writeWire<Vec3d>(system_->getDataPtr(), d_->getOutputWireOffset(0), d_->v.get());
-        return -1.0;
-    }
-    int getBlockStateDataSize() const override { return 0; }
-
-private:
-    const VecSourceDescriptor* d_;
-};
-
-const wLeadList& doubleIn() { static const wLeadList l{{"in", LEAD_DOUBLE}}; return l; }
-const wLeadList& doubleOut() { static const wLeadList l{{"out", LEAD_DOUBLE}}; return l; }
 
 }  // namespace
 
-std::unique_ptr<wSimulationBlockStateless> GainDescriptor::create(Lua::Loader*) const { return std::make_unique<Gain>(this); }
-wParameterList GainDescriptor::getParametersList() { wParameterList l; l.push_back(parameterRef("k", k)); return l; }
-const wLeadList& GainDescriptor::getInputWires_() const { return doubleIn(); }
-const wLeadList& GainDescriptor::getOutputWires_() const { return doubleOut(); }
-
-std::unique_ptr<wSimulationBlockStateless> AddDescriptor::create(Lua::Loader*) const { return std::make_unique<Add>(this); }
-const wLeadList& AddDescriptor::getInputWires_() const { static const wLeadList l{{"a", LEAD_DOUBLE}, {"b", LEAD_DOUBLE}}; return l; }
-const wLeadList& AddDescriptor::getOutputWires_() const { return doubleOut(); }
-
-std::unique_ptr<wSimulationBlockDiff> IntegratorDescriptor::create(Lua::Loader*) const { return std::make_unique<Integrator>(this); }
-const wLeadList& IntegratorDescriptor::getInputWires_() const { return doubleIn(); }
-const wLeadList& IntegratorDescriptor::getOutputWires_() const { static const wLeadList l{{"x", LEAD_DOUBLE}}; return l; }
-
-std::unique_ptr<wSimulationBlockDisc> CounterDescriptor::create(Lua::Loader*, wSimulationSystem* s) const { return std::make_unique<Counter>(this, s); }
-wParameterList CounterDescriptor::getParametersList() { wParameterList l; l.push_back(parameterRef("dt", dt)); return l; }
-const wLeadList& CounterDescriptor::getOutputWires_() const { static const wLeadList l{{"count", LEAD_INT}}; return l; }
-
-std::unique_ptr<wSimulationBlockDisc> SamplerDescriptor::create(Lua::Loader*, wSimulationSystem* s) const { return std::make_unique<Sampler>(this, s); }
-wParameterList SamplerDescriptor::getParametersList() { wParameterList l; l.push_back(parameterRef("dt", dt)); return l; }
-const wLeadList& SamplerDescriptor::getInputWires_() const { return doubleIn(); }
-const wLeadList& SamplerDescriptor::getOutputWires_() const { return doubleOut(); }
-
-std::unique_ptr<wSimulationBlockStateless> TriggerDescriptor::create(Lua::Loader*) const { return std::make_unique<Trigger>(this); }
-const wLeadList& TriggerDescriptor::getInputPorts_() const { static const wLeadList l{{"in", LEAD_BOOL}}; return l; }
-const wLeadList& TriggerDescriptor::getOutputPorts_() const { static const wLeadList l{{"out", LEAD_BOOL}}; return l; }
-
-std::unique_ptr<wSimulationBlockDisc> VecSourceDescriptor::create(Lua::Loader*, wSimulationSystem* s) const { return std::make_unique<VecSource>(this, s); }
-wParameterList VecSourceDescriptor::getParametersList() { wParameterList l; l.push_back(parameterRef("v", v)); return l; }
-const wLeadList& VecSourceDescriptor::getOutputWires_() const { static const wLeadList l{{"v", LEAD_VECTOR}}; return l; }
-
-Trigger::Trigger(const TriggerDescriptor* d) : wSimulationBlockStateless(d), in_(this, &Trigger::onIn_) {}
-wInputPortBase* Trigger::getInputPort(std::string_view name) { return name == "in" ? &in_ : nullptr; }
-wOutputPortBase* Trigger::getOutputPort(std::string_view name) { return name == "out" ? &out_ : nullptr; }
-void Trigger::onIn_(const bool& v) {
-    ++arrivals;
-    out_.setValue(!v);
+std::unique_ptr<wSimulationBlockStateless> GainDescriptor::create(Lua::Loader*) const {
+    return std::make_unique<Function<GainDescriptor, gain>>(this);
+}
+std::unique_ptr<wSimulationBlockStateless> AddDescriptor::create(Lua::Loader*) const {
+    return std::make_unique<Function<AddDescriptor, sum>>(this);
+}
+std::unique_ptr<wSimulationBlockStateless> TriggerDescriptor::create(Lua::Loader*) const {
+    return std::make_unique<Trigger>(this);
+}
+std::unique_ptr<wSimulationBlockDiff> IntegratorDescriptor::create(Lua::Loader*) const {
+    return std::make_unique<Integrator>(this);
+}
+std::unique_ptr<wSimulationBlockDisc> CounterDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
+    return std::make_unique<Stepper<CounterDescriptor, int>>(this, s);
+}
+std::unique_ptr<wSimulationBlockDisc> SamplerDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
+    return std::make_unique<Stepper<SamplerDescriptor, double>>(this, s);
+}
+std::unique_ptr<wSimulationBlockDisc> VecSourceDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
+    return std::make_unique<Stepper<VecSourceDescriptor, Vec3d>>(this, s);
 }
 
 void registerAll() {
