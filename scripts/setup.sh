@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libbenchmark-dev   # tests and benchmarks
   libcli11-dev gnuplot-nox        # command-line host and its plots
   python3                         # benchmark summary (bench/summary.py)
+  clang libclang-rt-14-dev        # fuzz targets: libFuzzer and the sanitizers (scripts/fuzz.sh)
 )
 
 missing=()
