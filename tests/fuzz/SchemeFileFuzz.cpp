@@ -21,6 +21,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <memory>
 #include <streambuf>
 #include <string>
@@ -108,28 +109,44 @@ bool editRoundTrip(const std::string& source, const std::string& saved, const st
     return true;
 }
 
-// A value of each lead type for the host to write, varying with the step.
+// Values a host may write, ordinary ones and the extremes: scheme inputs take the k-th.
+constexpr int kIntValues[] = {0, 1, -1, 7, 2147483647, -2147483647 - 1, 3, -100};
+constexpr double kDoubleValues[] = {0.0, 0.5, -1.0, 1e300, -2.5, std::numeric_limits<double>::infinity(),
+                                    3.0, std::numeric_limits<double>::quiet_NaN(), -1e-310, 2147483648.0};
+template <class T, std::size_t N>
+T pickValue(const T (&values)[N], std::size_t k) {
+    return values[k % N];
+}
+
+// Writes every scheme input: input i at step s gets value i + s of its type's list.
 void writeInputs(wSimulationSystem& system, const wSimulationSystemScheme& scheme, int step) {
-    const double x = 0.25 * step - 1.0;
+    std::size_t k = static_cast<std::size_t>(step);
     for (const wLeadDescription& lead : scheme.getIOLeads(false, false)) {
+        const int n = pickValue(kIntValues, k);
+        const double x = pickValue(kDoubleValues, k);
+        const double y = pickValue(kDoubleValues, k + 3);
         switch (lead.type) {
-            case LEAD_INT: system.setInput<int>(lead.name, step - 3); break;
-            case LEAD_BOOL: system.setInput<bool>(lead.name, step % 3 == 1); break;
+            case LEAD_INT: system.setInput<int>(lead.name, n); break;
+            case LEAD_BOOL: system.setInput<bool>(lead.name, k % 3 != 1); break;
             case LEAD_DOUBLE: system.setInput<double>(lead.name, x); break;
-            case LEAD_VECTOR: system.setInput<Vec3d>(lead.name, Vec3d(x, -x, 1.0)); break;
-            case LEAD_QUATERNION: system.setInput<Rot3d>(lead.name, Rot3d(0.0, 0.0, x, 1.0)); break;
-            case LEAD_OBJECT_ID: system.setInput<unsigned>(lead.name, static_cast<unsigned>(step)); break;
+            case LEAD_VECTOR: system.setInput<Vec3d>(lead.name, Vec3d(x, y, 1.0)); break;
+            case LEAD_QUATERNION: system.setInput<Rot3d>(lead.name, Rot3d(0.0, y, x, 1.0)); break;
+            case LEAD_OBJECT_ID: system.setInput<unsigned>(lead.name, static_cast<unsigned>(n)); break;
             default: break;  // object-pointer wires carry nothing
         }
+        ++k;
     }
     for (const wLeadDescription& lead : scheme.getIOLeads(false, true)) {
         wInputPortBase* port = system.getInputPort(lead.name);
-        if (auto* p = dynamic_cast<wInputPort<int>*>(port)) p->setValue(step);
-        else if (auto* b = dynamic_cast<wInputPort<bool>*>(port)) b->setValue(step % 2 == 0);
+        const int n = pickValue(kIntValues, k);
+        const double x = pickValue(kDoubleValues, k);
+        if (auto* p = dynamic_cast<wInputPort<int>*>(port)) p->setValue(n);
+        else if (auto* b = dynamic_cast<wInputPort<bool>*>(port)) b->setValue(k % 2 == 0);
         else if (auto* d = dynamic_cast<wInputPort<double>*>(port)) d->setValue(x);
         else if (auto* v = dynamic_cast<wInputPort<Vec3d>*>(port)) v->setValue(Vec3d(1.0, x, 0.0));
         else if (auto* q = dynamic_cast<wInputPort<Rot3d>*>(port)) q->setValue(Rot3d(x, 0.0, 0.0, 1.0));
-        else if (auto* u = dynamic_cast<wInputPort<unsigned>*>(port)) u->setValue(static_cast<unsigned>(step));
+        else if (auto* u = dynamic_cast<wInputPort<unsigned>*>(port)) u->setValue(static_cast<unsigned>(n));
+        ++k;
     }
 }
 
