@@ -111,6 +111,11 @@ TEST(Oscilloscope, RefusesBadSettings) {
     EXPECT_EQ(createError(scopeScheme("-0.5", "10")), "Oscilloscope osc: \"dt\" must be positive");
     EXPECT_EQ(createError(scopeScheme("0/0", "10")), "Oscilloscope osc: \"dt\" must be positive");
     EXPECT_EQ(createError(scopeScheme("0.1", "0")), "Oscilloscope osc: \"capacity\" must be at least 1");
+    // A sample of the six inputs is 12 doubles: 256 MiB hold 2796202 of them, not one more.
+    EXPECT_EQ(createError(scopeScheme("0.1", "2796203")),
+              "Oscilloscope osc: \"capacity\" of 2796203 samples of 12 columns needs more than 256 MiB");
+    EXPECT_EQ(createError(scopeScheme("0.1", "2147483647")),
+              "Oscilloscope osc: \"capacity\" of 2147483647 samples of 12 columns needs more than 256 MiB");
 
     // Object pointers cannot be recorded; names must differ.
     testutil::SchemeText s;

@@ -1,5 +1,6 @@
 #include "vandrel/blocks/Oscilloscope.h"
 
+#include <cstddef>
 #include <string>
 
 #include "vandrel/core/Wire.h"
@@ -9,6 +10,9 @@
 #include "vandrel/scheme/BlockSerializer.h"
 
 namespace {
+
+// Largest ring buffer a block may allocate, in bytes.
+constexpr std::size_t kMaxRecordingBytes = std::size_t{256} << 20;
 
 // Doubles that one wire of type t takes in a sample; 0 for a type that cannot be recorded.
 int columnsOf(eLeadType t) {
@@ -51,6 +55,14 @@ std::unique_ptr<wSimulationBlockDisc> wBlockOscilloscopeDescriptor::create(Lua::
     if (capacity.get() < 1)
         throw wSimulationException("Oscilloscope " + getName() + ": \"capacity\" must be at least 1");
     checkInputs_(inputs_);
+    // The whole ring is allocated up front: refuse a size that would exhaust the memory
+    // (a slip of a few digits asks for gigabytes) instead of failing to allocate it.
+    std::size_t columns = 1;
+    for (const wLeadDescription& lead : inputs_) columns += static_cast<std::size_t>(columnsOf(lead.type));
+    if (static_cast<std::size_t>(capacity.get()) * columns * sizeof(double) > kMaxRecordingBytes)
+        throw wSimulationException("Oscilloscope " + getName() + ": \"capacity\" of " +
+                                   std::to_string(capacity.get()) + " samples of " + std::to_string(columns) +
+                                   " columns needs more than 256 MiB");
     return std::make_unique<wBlockOscilloscope>(this, system);
 }
 
