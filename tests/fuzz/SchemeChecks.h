@@ -61,6 +61,7 @@ protected:
     std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
 };
 
+// A scratch file that cannot be written is a broken machine, not a finding.
 inline void writeFile(const std::string& path, std::string_view bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
@@ -75,6 +76,7 @@ inline std::string readFile(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
+// A broken promise of the library: report it and abort, which libFuzzer records as a crash.
 [[noreturn]] inline void fail(const char* what, const std::string& detail = {}) {
     std::fprintf(stderr, "\n*** %s\n%s\n", what, detail.c_str());
     std::abort();
@@ -110,8 +112,8 @@ inline bool editRoundTrip(const std::string& source, const std::string& saved, c
 
 // Values a host may write, ordinary ones and the extremes: scheme inputs take the k-th.
 inline constexpr int kIntValues[] = {0, 1, -1, 7, 2147483647, -2147483647 - 1, 3, -100};
-inline constexpr double kDoubleValues[] = {0.0, 0.5, -1.0, 1e300, -2.5, std::numeric_limits<double>::infinity(),
-                                    3.0, std::numeric_limits<double>::quiet_NaN(), -1e-310, 2147483648.0};
+inline constexpr double kDoubleValues[] = {0.0,  0.5, -1.0, 1e300, -2.5, std::numeric_limits<double>::infinity(),
+                                           3.0, std::numeric_limits<double>::quiet_NaN(), -1e-310, 2147483648.0};
 template <class T, std::size_t N>
 T pickValue(const T (&values)[N], std::size_t k) {
     return values[k % N];
