@@ -11,6 +11,7 @@ packages=(
   libcli11-dev gnuplot-nox        # command-line host and its plots
   graphviz                        # `vandrel graph` drawings
   python3                         # benchmark summary (bench/summary.py)
+  clang libclang-rt-14-dev        # fuzz targets: libFuzzer and the sanitizers (scripts/fuzz.sh)
 )
 
 missing=()

@@ -8,7 +8,8 @@
 //   (default: one double input "input1"). Wires of type int, bool, double, vector,
 //   quaternion and object id can be recorded; object pointers cannot.
 // - Parameters: "dt" (double, sampling period in s, default 0.01; must be positive when
-//   the block is made) and "capacity" (int, number of samples kept, default 10000, >= 1).
+//   the block is made) and "capacity" (int, number of samples kept, default 10000, >= 1;
+//   the samples may take at most 256 MiB).
 // - A sample is one row of doubles: the scheme time, then every input flattened in lead
 //   order (a vector as x, y, z; a quaternion as x, y, z, w; a bool as 0 or 1; integers
 //   converted exactly). The rows live in a ring buffer allocated when the block is made,
@@ -36,8 +37,10 @@ public:
 
     wBlockOscilloscopeDescriptor();
 
-    // Throws "Oscilloscope <name>: \"dt\" must be positive" and, for a capacity below 1,
-    // "Oscilloscope <name>: \"capacity\" must be at least 1".
+    // Throws "Oscilloscope <name>: \"dt\" must be positive", for a capacity below 1
+    // "Oscilloscope <name>: \"capacity\" must be at least 1", and for more samples than fit
+    // in 256 MiB "Oscilloscope <name>: \"capacity\" of <n> samples of <columns> columns
+    // needs more than 256 MiB".
     std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
     wParameterList getParametersList() override;  // "dt", "capacity"
     // The base entry, then "inputs"; reading refuses inputs that cannot be recorded, and

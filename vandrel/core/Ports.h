@@ -7,6 +7,7 @@
 // one virtual call per connected input and allocates nothing (four inputs fit inline).
 #include <cstring>
 #include <memory>
+#include <string>
 #include <type_traits>
 
 #include <boost/container/small_vector.hpp>
@@ -84,6 +85,44 @@ public:
     const T& getValue() const { return value; }
 };
 
+// A callback may send further, so a value can come back around a loop of port connections
+// to the port that is still handling it. A loop that settles does so within a few rounds;
+// one in which every block sends again (a Delay trigger whose time-out feeds its own
+// reset) would recurse until the stack runs out. Past this depth it fails instead.
+inline constexpr int kMaxPortReentry = 32;
+
+// Counts how deep the callback of one port is nested for as long as a call runs.
+class wPortReentryScope {
+public:
+    template <class O>
+    wPortReentryScope(int& depth, const O* owner) : depth_(depth) {
+        if (depth_ >= kMaxPortReentry) throwLoop_(ownerName_(owner));
+        ++depth_;
+    }
+    ~wPortReentryScope() { --depth_; }
+    wPortReentryScope(const wPortReentryScope&) = delete;
+    wPortReentryScope& operator=(const wPortReentryScope&) = delete;
+
+private:
+    int& depth_;
+
+    // " at block <name>" for the ports of runtime blocks; other owners have no name.
+    template <class O>
+    static zo::string ownerName_(const O* owner) {
+        if constexpr (requires { owner->getDescriptor()->getName(); })
+            return " at block " + owner->getDescriptor()->getName();
+        else
+            return {};
+    }
+    [[noreturn]] static void throwLoop_(const zo::string& where) {
+        throw wSimulationException("Endless port loop" + where +
+                                   ": a value keeps coming back to the input port it arrived at (" +
+                                   std::to_string(kMaxPortReentry) +
+                                   " times within one delivery); break the loop of port connections or route it "
+                                   "through a wire");
+    }
+};
+
 // An input port that calls a member function of its owner with every typed write.
 template <class T, class O>
 class wInputPortImpl : public wInputPort<T> {
@@ -92,12 +131,14 @@ public:
     wInputPortImpl(O* owner, Callback callback) : owner_(owner), callback_(callback) {}
     void setValue(const T& v) override {
         this->value = v;
+        const wPortReentryScope scope(depth_, owner_);
         (owner_->*callback_)(v);
     }
 
 private:
     O* owner_;
     Callback callback_;
+    int depth_ = 0;  // nesting of the callback, see wPortReentryScope
 };
 
 template <class T>
@@ -197,11 +238,15 @@ class wInputPortObjPtrCallback : public wInputPortObjPtrBase<X> {
 public:
     using Callback = void (O::*)(X*);
     wInputPortObjPtrCallback(O* owner, Callback callback) : owner_(owner), callback_(callback) {}
-    void setValue(X* p) override { (owner_->*callback_)(p); }
+    void setValue(X* p) override {
+        const wPortReentryScope scope(depth_, owner_);
+        (owner_->*callback_)(p);
+    }
 
 private:
     O* owner_;
     Callback callback_;
+    int depth_ = 0;  // nesting of the callback, see wPortReentryScope
 };
 
 // The generic object-pointer output; only typed subclasses can be made.

@@ -118,6 +118,7 @@ public:
 protected:
     wSimulationBlockStatelessDescriptor() = default;
     wSimulationBlockStatelessDescriptor(const wSimulationBlockStatelessDescriptor&) = default;
+    wSimulationBlockStatelessDescriptor& operator=(const wSimulationBlockStatelessDescriptor&) = default;
 };
 
 class wSimulationBlockDiscDescriptor : public wSimulationBlockDescriptor {
@@ -129,6 +130,7 @@ public:
 protected:
     wSimulationBlockDiscDescriptor() = default;
     wSimulationBlockDiscDescriptor(const wSimulationBlockDiscDescriptor&) = default;
+    wSimulationBlockDiscDescriptor& operator=(const wSimulationBlockDiscDescriptor&) = default;
 };
 
 // Continuous blocks: every output wire is a state, and gets an input wire "<name>.initial"
@@ -145,6 +147,7 @@ public:
 protected:
     wSimulationBlockDiffDescriptor() = default;
     wSimulationBlockDiffDescriptor(const wSimulationBlockDiffDescriptor&) = default;
+    wSimulationBlockDiffDescriptor& operator=(const wSimulationBlockDiffDescriptor&) = default;
     // The combined list, built once per class: derive through wDiffDescriptorBase.
     virtual const wLeadList& getCombinedInputWires_() const = 0;
 };
