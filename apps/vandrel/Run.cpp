@@ -189,6 +189,10 @@ int runCommand(const RunOptions& o) {
         system->setSchemeStateData(&s.blob);
         system->setSchemeQueueTime(s.queueTime);
         t = s.time;
+        // The run cannot go back in time: an end before the saved time would print nothing.
+        if (o.until < t - kTimeEps)
+            throw UsageError{"--until " + doubleToString(o.until) + " is before the time " + o.stateIn +
+                             " was saved at (" + doubleToString(t) + " s); give a later end time"};
     }
     if (series) series->apply(t, data);
     // A sampling grid finer than anyone can read would write rows for ever.

@@ -120,6 +120,12 @@ TEST_F(Cli, OverridesAndStateFilesContinueARun) {
     ASSERT_GE(rows.size(), 3u);
     EXPECT_NEAR(std::stod(rows[1][0]), 1.5, 1e-9);
     EXPECT_NEAR(std::stod(rows[1][2]), 75, 1e-9);
+    // Ending before the saved time is a mistake, not an empty table.
+    r = run("run " + scheme + overrides + " --until 0.5 -q --state-in " + state.string());
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.out, "");
+    EXPECT_NE(r.err.find("--until 0.5 is before the time " + state.string() + " was saved at (1"), std::string::npos)
+        << r.err;
 }
 
 TEST_F(Cli, ErrorsAndUsageMistakesHaveTheirExitStatus) {
