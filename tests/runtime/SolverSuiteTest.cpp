@@ -31,16 +31,14 @@ std::string oscillatorScheme(const std::string& solverBody) {
     const int v = s.block("velocity", "wBlockIntegratorDescriptor<double>");
     const int x = s.block("position", "wBlockIntegratorDescriptor<double>");
     s.inputPort("reset", LEAD_BOOL);
-    s.outputWire("x", LEAD_DOUBLE);
-    s.outputWire("v", LEAD_DOUBLE);
+    s.outputWire(x, "output", "x", LEAD_DOUBLE);
+    s.outputWire(v, "output", "v", LEAD_DOUBLE);
     s.wire(x, "output", a, "x");
     s.wire(a, "output", v, "input");
     s.wire(v, "output", x, "input");
     s.wire(c, "x0", x, "output.initial");
     s.wire(c, "v0", v, "output.initial");
     s.port(kIO, "reset", kCmds, "reset_diff_state");
-    s.wire(x, "output", kIO, "x");
-    s.wire(v, "output", kIO, "v");
     s.solver(solverBody);
     return s.text();
 }
@@ -219,8 +217,8 @@ std::string stiffScheme(const std::string& solverBody) {
     const int y2 = s.block("y2", "wBlockIntegratorDescriptor<double>");
     const int t = s.block("start_trigger", "wBlockDelayTriggerDescriptor",
                           "dt = { value = 10 }, enabled = { value = false }, delay_time = { value = 0 }");
-    s.outputWire("y1", LEAD_DOUBLE);
-    s.outputWire("y2", LEAD_DOUBLE);
+    s.outputWire(y1, "output", "y1", LEAD_DOUBLE);
+    s.outputWire(y2, "output", "y2", LEAD_DOUBLE);
     s.wire(y1, "output", d1, "y1");
     s.wire(y1, "output", d2, "y1");
     s.wire(y2, "output", d2, "y2");
@@ -229,8 +227,6 @@ std::string stiffScheme(const std::string& solverBody) {
     s.wire(c, "one", y1, "output.initial");
     s.wire(c, "one", y2, "output.initial");
     s.port(t, "timed_out", kCmds, "reset_diff_state");
-    s.wire(y1, "output", kIO, "y1");
-    s.wire(y2, "output", kIO, "y2");
     s.solver(solverBody);
     return s.text();
 }
