@@ -107,26 +107,18 @@ TEST(SubsystemBlock, LeadsAreTheNestedSchemesOwnLeadsInsideOutAndPortsReachInsid
     testutil::SchemeText nested;
     const int sum = nested.block("sum", "wBlockSummatorDescriptor<double>", "", "inputs = { { name = \"u\", coeff = 2 } }");
     const int inv = nested.block("inv", "wBlockNOTtriggerDescriptor");
-    nested.inputWire("u", LEAD_DOUBLE);
-    nested.inputPort("p", LEAD_BOOL);
-    nested.outputWire("y", LEAD_DOUBLE);
-    nested.outputPort("q", LEAD_BOOL);
-    nested.wire(kIO, "u", sum, "u");
-    nested.wire(sum, "output", kIO, "y");
-    nested.port(kIO, "p", inv, "input");
-    nested.port(inv, "output", kIO, "q");
+    nested.inputWire("u", LEAD_DOUBLE, sum, "u");
+    nested.inputPort("p", LEAD_BOOL, inv, "input");
+    nested.outputWire(sum, "output", "y", LEAD_DOUBLE);
+    nested.outputPort(inv, "output", "q", LEAD_BOOL);
     testutil::writeFile(dir / "both.sch", nested.text());
 
     testutil::SchemeText outer;
     const int s = outer.block("s", kSubsystem, "", subsystemKeys("both"));
-    outer.inputWire("u", LEAD_DOUBLE);
-    outer.inputPort("p", LEAD_BOOL);
-    outer.outputWire("y", LEAD_DOUBLE);
-    outer.outputPort("q", LEAD_BOOL);
-    outer.wire(kIO, "u", s, "u");
-    outer.wire(s, "y", kIO, "y");
-    outer.port(kIO, "p", s, "p");
-    outer.port(s, "q", kIO, "q");
+    outer.inputWire("u", LEAD_DOUBLE, s, "u");
+    outer.inputPort("p", LEAD_BOOL, s, "p");
+    outer.outputWire(s, "y", "y", LEAD_DOUBLE);
+    outer.outputPort(s, "q", "q", LEAD_BOOL);
     const std::string file = testutil::writeFile(dir / "outer.lua", outer.text());
 
     auto edited = loadEdit(file);
@@ -184,12 +176,9 @@ TEST(SubsystemBlock, IdleSubsystemRunsAgainWheneverWhatFeedsItChanges) {
     s.wire(ramp, "output", half, "r");
     s.wire(half, "output", before, "u");
     s.wire(half, "output", after, "u");
-    s.outputWire("ramp", LEAD_DOUBLE);
-    s.outputWire("before", LEAD_DOUBLE);
-    s.outputWire("after", LEAD_DOUBLE);
-    s.wire(ramp, "output", kIO, "ramp");
-    s.wire(before, "y", kIO, "before");
-    s.wire(after, "y", kIO, "after");
+    s.outputWire(ramp, "output", "ramp", LEAD_DOUBLE);
+    s.outputWire(before, "y", "before", LEAD_DOUBLE);
+    s.outputWire(after, "y", "after", LEAD_DOUBLE);
     auto scheme = loadRun(testutil::writeFile(dir / "outer.lua", s.text()));
     auto system = scheme->instantiate();
 
@@ -219,10 +208,8 @@ TEST(SubsystemBlock, IdleSubsystemFedByContinuousStateSamplesItEveryStep) {
     s.wire(c, "one", x, "input");
     s.wire(c, "zero", x, "output.initial");
     s.wire(x, "output", sub, "u");
-    s.outputWire("x", LEAD_DOUBLE);
-    s.outputWire("y", LEAD_DOUBLE);
-    s.wire(x, "output", kIO, "x");
-    s.wire(sub, "y", kIO, "y");
+    s.outputWire(x, "output", "x", LEAD_DOUBLE);
+    s.outputWire(sub, "y", "y", LEAD_DOUBLE);
     auto scheme = loadRun(testutil::writeFile(dir / "outer.lua", s.text()));
     auto system = scheme->instantiate();
 
@@ -274,11 +261,9 @@ TEST(SubsystemBlock, ChainedSubsystemsShareTheSlotBetweenThem) {
     testutil::SchemeText s;
     const int first = s.block("first", kSubsystem, "[\"c.k\"] = { value = 1 }", subsystemKeys("offset", {"c.k"}));
     const int second = s.block("second", kSubsystem, "[\"c.k\"] = { value = 10 }", subsystemKeys("offset", {"c.k"}));
-    s.inputWire("u", LEAD_DOUBLE);
-    s.outputWire("y", LEAD_DOUBLE);
-    s.wire(kIO, "u", first, "u");
+    s.inputWire("u", LEAD_DOUBLE, first, "u");
+    s.outputWire(second, "y", "y", LEAD_DOUBLE);
     s.wire(first, "y", second, "u");
-    s.wire(second, "y", kIO, "y");
     auto scheme = loadRun(testutil::writeFile(dir / "outer.lua", s.text()));
     const int between = scheme->getBlockByName("first.sum")->getOutputWireOffset(0);
     EXPECT_EQ(scheme->getBlockByName("second.sum")->getInputWireOffset(0), between);
@@ -298,10 +283,8 @@ TEST(SubsystemBlock, NestedContinuousStateStartsOnAMultipleOfEight) {
     testutil::SchemeText s;
     const int lag = s.block("lag", kSubsystem, "", subsystemKeys("lag"));
     s.inputWire("flag", LEAD_BOOL);  // 1 byte, so the next level starts after padding
-    s.inputWire("u", LEAD_DOUBLE);
-    s.outputWire("x", LEAD_DOUBLE);
-    s.wire(kIO, "u", lag, "u");
-    s.wire(lag, "x", kIO, "x");
+    s.inputWire("u", LEAD_DOUBLE, lag, "u");
+    s.outputWire(lag, "x", "x", LEAD_DOUBLE);
     auto scheme = loadRun(testutil::writeFile(dir / "outer.lua", s.text()));
     const wSimulationSystemScheme& nested = subsystem(*scheme, "lag")->getScheme();
     EXPECT_EQ(scheme->getDiffMemorySize(), 0);
@@ -352,13 +335,11 @@ TEST(SubsystemBlock, StateBlobAndQueueTimeCarryTheNestedState) {
                                    "dt = { value = 0.1 }, K_t = { value = 1 }, use_start_val = { value = true }, "
                                    "start_val = { value = 0 }, activate_by_port = { value = false }, loop = { value = false }");
     nested.wire(target, "v", timer, "target");
-    nested.outputWire("y", LEAD_DOUBLE);
-    nested.wire(timer, "output", kIO, "y");
+    nested.outputWire(timer, "output", "y", LEAD_DOUBLE);
     testutil::writeFile(dir / "timer.sch", nested.text());
     testutil::SchemeText s;
     const int sub = s.block("t", kSubsystem, "", subsystemKeys("timer"));
-    s.outputWire("y", LEAD_DOUBLE);
-    s.wire(sub, "y", kIO, "y");
+    s.outputWire(sub, "y", "y", LEAD_DOUBLE);
     auto scheme = loadRun(testutil::writeFile(dir / "outer.lua", s.text()));
 
     auto first = scheme->instantiate();
