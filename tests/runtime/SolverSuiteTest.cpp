@@ -99,11 +99,10 @@ TEST_P(SolverSuite, ArrivesExactlyAtEventTimes) {
     s->dt.set(0.3);
     b.scheme.setOdeSolverDescriptor(solvers::make(GetParam(), 0.25));
     b.inputWire("c");
-    b.outputWire("sample");
+    b.outputWire(s, "out", "sample");
     b.wire(b.io(), "c", i, "in");
     b.wire(b.io(), "c", i, "x.initial");
     b.wire(i, "x", s, "in");
-    b.wire(s, "out", b.io(), "sample");
     auto sys = b.run();
     sys->setInput<double>("c", 3.0);
 
@@ -130,13 +129,11 @@ TEST_P(SolverSuite, FollowsAnInputThatADiscreteBlockChanges) {
     c->dt.set(1.0);
     s->dt.set(0.5);
     b.scheme.setOdeSolverDescriptor(solvers::make(GetParam(), 0.2));
-    b.inputWire("x0");
-    b.outputWire("sample");
+    b.inputWire("x0", i, "x.initial");
+    b.outputWire(s, "out", "sample");
     b.wire(c, "count", conv, "input");
     b.wire(conv, "output", i, "in");
-    b.wire(b.io(), "x0", i, "x.initial");
     b.wire(i, "x", s, "in");
-    b.wire(s, "out", b.io(), "sample");
     auto sys = b.run();
 
     auto exact = [](double t) {
@@ -168,11 +165,10 @@ TEST_P(SolverSuite, ResetDiffStateReloadsTheInitialValuesMidRun) {
     g->k.set(-1.0);
     s->dt.set(0.25);
     b.scheme.setOdeSolverDescriptor(solvers::make(k, k.order == 1 ? 1e-4 : 0.05));
-    b.inputWire("x0");
+    b.inputWire("x0", i, "x.initial");
     b.inputPort("reset");
     b.wire(i, "x", g, "in");
     b.wire(g, "out", i, "in");
-    b.wire(b.io(), "x0", i, "x.initial");
     b.wire(i, "x", s, "in");
     b.port(b.io(), "reset", b.special(), "reset_diff_state");
     auto sys = b.run();

@@ -127,6 +127,16 @@ public:
               const std::string& in) {
         s_.addConnection({from ? from : io(), to ? to : io(), out, in, false});
     }
+    // A scheme wire and the connection that carries it into `to` or out of `from`.
+    void inputWire(const std::string& n, wSimulationBlockDescriptor* to, const std::string& in, eLeadType t = LEAD_DOUBLE) {
+        inputWire(n, t);
+        wire(io(), n, to, in);
+    }
+    void outputWire(wSimulationBlockDescriptor* from, const std::string& out, const std::string& n,
+                    eLeadType t = LEAD_DOUBLE) {
+        outputWire(n, t);
+        wire(from, out, io(), n);
+    }
     void port(wSimulationBlockDescriptor* from, const std::string& out, wSimulationBlockDescriptor* to,
               const std::string& in) {
         s_.addConnection({from ? from : io(), to ? to : io(), out, in, true});
