@@ -10,8 +10,7 @@
 #include <string>
 #include <vector>
 
-#include <sys/wait.h>
-
+#include "support/CliProcess.h"
 #include "support/SchemeFiles.h"
 #include "vandrel/blocks/Conversions.h"
 #include "vandrel/core/Wire.h"
@@ -395,28 +394,20 @@ TEST(SubsystemBlock, OverridesReachNestedBlocksByPath) {
     EXPECT_EQ(run->getOutput<double>("ya"), 1.5);
 }
 
-#ifdef VANDREL_CLI
-// Standard output of `vandrel <args>`; fails the test on a non-zero exit status.
-std::string cli(const std::string& args) {
-    std::FILE* p = ::popen((std::string(VANDREL_CLI) + " " + args + " 2>&1").c_str(), "r");
-    std::string out;
-    char buf[4096];
-    std::size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    const int status = ::pclose(p);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << args << "\n" << out;
-    return out;
+// Through the real `vandrel` process, as users run subsystems.
+class SubsystemCli : public testutil::CliProcess {};
+
+TEST_F(SubsystemCli, CommandLineOverridesReachNestedBlocks) {
+    const auto r = run("run " + dataFile("open.lua") + " --overrides " + dataFile("open.overrides.lua") +
+                       " --set u=2 --until 0 -q");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out + r.err, "time,y1,y2\n0,12,102\n");
 }
 
-TEST(SubsystemBlock, CommandLineOverridesReachNestedBlocks) {
-    const std::string out = cli("run " + dataFile("open.lua") + " --overrides " + dataFile("open.overrides.lua") +
-                                " --set u=2 --until 0 -q");
-    EXPECT_EQ(out, "time,y1,y2\n0,12,102\n");
-}
-
-TEST(SubsystemBlock, ExampleRunsTwoSlewLimitersFromOneFile) {
-    const std::string out = cli(std::string("run ") + VANDREL_EXAMPLES_DIR + "/slew_limiters.lua --until 3 --every 1 -q");
-    std::istringstream lines(out);
+TEST_F(SubsystemCli, ExampleRunsTwoSlewLimitersFromOneFile) {
+    const auto r = run("run " + example("slew_limiters.lua") + " --until 3 --every 1 -q");
+    EXPECT_EQ(r.status, 0) << r.err;
+    std::istringstream lines(r.out + r.err);
     std::string line;
     std::getline(lines, line);
     EXPECT_EQ(line, "time,fast,slow,gap");
@@ -431,7 +422,6 @@ TEST(SubsystemBlock, ExampleRunsTwoSlewLimitersFromOneFile) {
     }
     EXPECT_EQ(rows, 3);
 }
-#endif
 
 // ---- Editing
 
