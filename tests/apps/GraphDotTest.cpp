@@ -18,10 +18,8 @@ struct Nesting {
     Nesting() {
         testutil::SchemeText o;
         const int sub = o.block("sub", "wBlockNOTDescriptor");
-        o.inputWire("u", LEAD_BOOL);
-        o.outputWire("y", LEAD_BOOL);
-        o.wire(kIO, "u", sub, "input");
-        o.wire(sub, "output", kIO, "y");
+        o.inputWire("u", LEAD_BOOL, sub, "input");
+        o.outputWire(sub, "output", "y", LEAD_BOOL);
         outer = testutil::loadForEdit(o.text());
         middle = testutil::loadForEdit(throughNot("deep"));
         inner = testutil::loadForEdit(throughNot("leaf"));
@@ -29,10 +27,8 @@ struct Nesting {
     static std::string throughNot(const std::string& name) {
         testutil::SchemeText s;
         const int b = s.block(name, "wBlockNOTDescriptor");
-        s.inputWire("input", LEAD_BOOL);
-        s.outputWire("output", LEAD_BOOL);
-        s.wire(kIO, "input", b, "input");
-        s.wire(b, "output", kIO, "output");
+        s.inputWire("input", LEAD_BOOL, b, "input");
+        s.outputWire(b, "output", "output", LEAD_BOOL);
         return s.text();
     }
     std::unique_ptr<wSimulationSystemScheme> outer, middle, inner;

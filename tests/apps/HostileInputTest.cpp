@@ -19,22 +19,15 @@
 #include <string>
 #include <vector>
 
+#include "support/CliProcess.h"
+
 namespace {
 
 namespace fs = std::filesystem;
 
-#ifdef VANDREL_CLI
-const char* const kCli = VANDREL_CLI;
-#else
-const char* const kCli = nullptr;
-#endif
-
-std::string slurp(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
+using testutil::kCli;
+using testutil::slurp;
+using Result = testutil::CliResult;
 
 void put(const fs::path& p, const std::string& bytes) {
     fs::create_directories(p.parent_path());
@@ -59,6 +52,12 @@ std::string lag(const std::string& H) {
   },
 }
 )";
+}
+
+// lag("0.1") with the first `from` in its text replaced by `to`.
+std::string lagWith(const std::string& from, const std::string& to) {
+    std::string s = lag("0.1");
+    return s.replace(s.find(from), from.size(), to);
 }
 
 // A discrete ramp with 10 bytes of saveable state (a double and two flags).
@@ -114,11 +113,6 @@ std::string stateFile(double time, double queueTime, std::uint32_t size, const s
 
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const double kInf = std::numeric_limits<double>::infinity();
-
-struct Result {
-    int status = -1;
-    std::string out, err;
-};
 
 struct Case {
     const char* name;
@@ -223,27 +217,15 @@ TEST_F(HostileInput, EveryCaseEndsWithItsStatusAndMessage) {
          [](const fs::path& dir, const Result&) { EXPECT_EQ(slurp(dir / "victim.txt"), "precious"); }},
         // fmt never drops content without --force.
         {"fmt with a misspelt lead",
-         files({{"s.lua", [] {
-                     std::string s = lag("0.1");
-                     s.replace(s.find("input_lead = \"input\""), 20, "input_lead = \"inptu\"");
-                     return s;
-                 }()}}),
+         files({{"s.lua", lagWith("input_lead = \"input\"", "input_lead = \"inptu\"")}}),
          "fmt s.lua", 1, "connection 1 cannot be made: Block 0 has no input inptu",
          [](const fs::path& dir, const Result&) { EXPECT_NE(slurp(dir / "s.lua").find("inptu"), std::string::npos); }},
         {"fmt --force drops it",
-         files({{"s.lua", [] {
-                     std::string s = lag("0.1");
-                     s.replace(s.find("input_lead = \"input\""), 20, "input_lead = \"inptu\"");
-                     return s;
-                 }()}}),
+         files({{"s.lua", lagWith("input_lead = \"input\"", "input_lead = \"inptu\"")}}),
          "fmt --force s.lua", 0, "",
          [](const fs::path& dir, const Result&) { EXPECT_EQ(slurp(dir / "s.lua").find("inptu"), std::string::npos); }},
         {"fmt with a misspelt parameter",
-         files({{"s.lua", [] {
-                     std::string s = lag("0.1");
-                     s.replace(s.find("y0 = { value = 0 }"), 18, "y0 = { value = 0 }, y1 = { value = 2 }");
-                     return s;
-                 }()}}),
+         files({{"s.lua", lagWith("y0 = { value = 0 }", "y0 = { value = 0 }, y1 = { value = 2 }")}}),
          "fmt s.lua", 1, "simulation_scheme.blocks[2].__parameters.y1 = a table would be dropped"},
         {"fmt of a file with comments", files({{"s.lua", "-- my notes\n" + lag("0.1")}}), "fmt s.lua", 1,
          "its comments would be dropped (the first is on line 1)"},
@@ -260,11 +242,8 @@ TEST_F(HostileInput, EveryCaseEndsWithItsStatusAndMessage) {
         {"--max-scheme-mib nan", files({{"s.lua", scope("\"small\"")}}), "check s.lua --max-scheme-mib nan", 2,
          "--max-scheme-mib"},
         // Messages that say where.
-        {"connection to block 7", files({{"s.lua", [] {
-              std::string s = lag("0.1");
-              s.replace(s.find("input_block = 0, input_lead = \"input\""), 15, "input_block = 7");
-              return s;
-          }()}}),
+        {"connection to block 7",
+         files({{"s.lua", lagWith("input_block = 0, input_lead = \"input\"", "input_block = 7, input_lead = \"input\"")}}),
          "check s.lua", 1, "invalid input block: 7 is not a block index; use 0 to 1"},
         {"missing file", files({}), "check nosuch.lua", 1, "Error while loading nosuch.lua: Cannot open file\n"},
         {"syntax error", files({{"s.lua", "simulation_scheme = {\n  blocks = \n"}}), "check s.lua", 1,

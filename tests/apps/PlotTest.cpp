@@ -33,10 +33,9 @@ std::string thirds() {
                           "values = { { name = \"k\", type = 1 }, { name = \"y0\", type = 1 } }");
     const int y = s.block("y", "wBlockIntegratorDescriptor<double>");
     s.solver("__type = \"wSolverExplEulerDescriptor\", H = 0.1");
-    s.outputWire("y", LEAD_DOUBLE);
+    s.outputWire(y, "output", "y", LEAD_DOUBLE);
     s.wire(c, "k", y, "input");
     s.wire(c, "y0", y, "output.initial");
-    s.wire(y, "output", kIO, "y");
     return s.text();
 }
 
@@ -50,29 +49,20 @@ std::string switching() {
     const int level = s.block("level", "wBlockI2ODescriptor<bool CMA double>");
     const int ramp = s.block("ramp", "wBlockIntegratorDescriptor<double>");
     s.solver("__type = \"wSolverExplEulerDescriptor\", H = 0.25");
-    s.outputWire("ramp", LEAD_DOUBLE);
-    s.outputWire("on", LEAD_BOOL);
-    s.outputWire("level", LEAD_DOUBLE);
+    s.outputWire(ramp, "output", "ramp", LEAD_DOUBLE);
+    s.outputWire(on, "triggered", "on", LEAD_BOOL);
+    s.outputWire(level, "output", "level", LEAD_DOUBLE);
     s.wire(c, "one", ramp, "input");
     s.wire(c, "zero", ramp, "output.initial");
     s.wire(on, "triggered", level, "input");
-    s.wire(ramp, "output", kIO, "ramp");
-    s.wire(on, "triggered", kIO, "on");
-    s.wire(level, "output", kIO, "level");
     return s.text();
 }
 
-std::vector<std::string> lines(const std::string& text) {
+// The lines of a text, or with ',' the cells of a line.
+std::vector<std::string> split(const std::string& text, char sep = '\n') {
     std::vector<std::string> v;
     std::istringstream in(text);
-    for (std::string l; std::getline(in, l);) v.push_back(l);
-    return v;
-}
-
-std::vector<std::string> cells(const std::string& line) {
-    std::vector<std::string> v;
-    std::istringstream in(line);
-    for (std::string c; std::getline(in, c, ',');) v.push_back(c);
+    for (std::string l; std::getline(in, l, sep);) v.push_back(l);
     return v;
 }
 
@@ -135,13 +125,13 @@ TEST_F(Plot, PrecisionRoundsNumbersAndTheDefaultReadsBackExactly) {
     // that 17 digits show.
     const auto exact = run("run " + scheme + " --until 0.3 --precision 17 -q");
     ASSERT_EQ(exact.status, 0) << exact.err;
-    const auto rows = lines(r.out), exactRows = lines(exact.out);
+    const auto rows = split(r.out), exactRows = split(exact.out);
     ASSERT_EQ(rows.size(), 4u);
     ASSERT_EQ(exactRows.size(), 4u);
     EXPECT_EQ(exactRows[1], "0.10000000000000001,0.033333333333333333");
     for (std::size_t n = 1; n < rows.size(); ++n) {
         std::string expected;
-        for (const std::string& cell : cells(exactRows[n])) {
+        for (const std::string& cell : split(exactRows[n], ',')) {
             char buf[32];
             const auto end = std::to_chars(buf, buf + sizeof buf, std::stod(cell)).ptr;
             expected += (expected.empty() ? "" : ",") + std::string(buf, end);
@@ -157,10 +147,10 @@ TEST_F(Plot, PrecisionRoundsNumbersAndTheDefaultReadsBackExactly) {
     // Oscilloscope recordings follow the same option.
     r = run("run " + example("projectile.lua") + " --until 1 --precision 3 -q --scope-dir " + dir_.string());
     ASSERT_EQ(r.status, 0) << r.err;
-    const auto scope = lines(slurp(dir_ / "scope.csv"));
+    const auto scope = split(slurp(dir_ / "scope.csv"));
     ASSERT_GE(scope.size(), 10u);
     for (std::size_t n = 1; n < scope.size(); ++n)
-        for (const std::string& cell : cells(scope[n])) {
+        for (const std::string& cell : split(scope[n], ',')) {
             std::string digits;
             for (char ch : cell.substr(0, cell.find('e')))
                 if (std::isdigit(static_cast<unsigned char>(ch)) && !(digits.empty() && ch == '0')) digits += ch;
@@ -239,11 +229,9 @@ TEST_F(Plot, BooleansHaveLanesOfTheirOwn) {
     testutil::SchemeText s;
     const int on = s.block("on", "wBlockDelayTriggerWireDescriptor", "dt = { value = 0.5 }, delay_par = { value = 1 }");
     const int off = s.block("off", "wBlockNOTDescriptor");
-    s.outputWire("on", LEAD_BOOL);
-    s.outputWire("off", LEAD_BOOL);
+    s.outputWire(on, "triggered", "on", LEAD_BOOL);
+    s.outputWire(off, "output", "off", LEAD_BOOL);
     s.wire(on, "triggered", off, "input");
-    s.wire(on, "triggered", kIO, "on");
-    s.wire(off, "output", kIO, "off");
     const auto svgFile = dir_ / "p.svg";
     const auto r = run("run " + write("lanes.lua", s.text()).string() + " --until 3 -q --plot " + svgFile.string());
     ASSERT_EQ(r.status, 0) << r.err;
@@ -260,8 +248,7 @@ TEST_F(Plot, GnuplotWarningsStayQuietAndAMissingGnuplotIsNamed) {
     // One constant output: gnuplot warns about the empty value range and copes.
     testutil::SchemeText s;
     const int c = s.block("c", "wBlockConstantsDescriptor", "k = { value = 2 }", "values = { { name = \"k\", type = 1 } }");
-    s.outputWire("k", LEAD_DOUBLE);
-    s.wire(c, "k", kIO, "k");
+    s.outputWire(c, "k", "k", LEAD_DOUBLE);
     const auto scheme = write("constant.lua", s.text()).string();
     const auto png = dir_ / "c.png";
     auto r = run("run " + scheme + " --until 3 --every 1 -q --plot " + png.string());

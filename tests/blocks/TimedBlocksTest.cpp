@@ -285,9 +285,8 @@ std::string muxScheme(int type, const std::vector<std::string>& outputs, int out
     for (const auto& o : outputs) leads += "{ name = \"" + o + "\", type = " + std::to_string(outputType) + " }, ";
     const int m = s.block("mux", "wBlockMultiplexDescriptor", params({{"type", std::to_string(type)}}), leads + "}");
     s.inputPort("in", static_cast<eLeadType>(type));
-    s.inputWire("sel", LEAD_INT);
+    s.inputWire("sel", LEAD_INT, m, "select");
     s.port(kIO, "in", m, "input");
-    s.wire(kIO, "sel", m, "select");
     for (const auto& o : outputs) {
         s.outputPort("o" + o, static_cast<eLeadType>(outputType));
         s.port(m, o, kIO, "o" + o);

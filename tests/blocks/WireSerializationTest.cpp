@@ -66,35 +66,23 @@ std::string leadList(const std::vector<Field>& fields) {
     return s + "}";
 }
 
-// Scheme input wires w0.. feed a Serializer; its "stream" port is the scheme input "stream".
-std::string senderScheme(const std::vector<Field>& fields) {
+// A Serializer fed by scheme input wires w0.., or a Deserializer filling scheme output
+// wires w0.. and its "signal" port; the "stream" port is the scheme input "stream".
+std::string endScheme(const std::vector<Field>& fields, bool sender) {
     SchemeText s;
-    const int ser = s.block("ser", "wBlockWireSerializerDescriptor", "", "wires = " + leadList(fields));
-    s.inputPort("stream", LEAD_OBJECT_PTR);
-    s.port(kIO, "stream", ser, "stream");
+    const int b = s.block(sender ? "ser" : "des", sender ? "wBlockWireSerializerDescriptor" : "wBlockWireDeserializerDescriptor",
+                          "", "wires = " + leadList(fields));
+    s.inputPort("stream", LEAD_OBJECT_PTR, b, "stream");
+    if (!sender) s.outputPort(b, "signal", "signal", LEAD_BOOL);
     for (std::size_t i = 0; i < fields.size(); ++i) {
         const std::string w = "w" + std::to_string(i);
-        s.inputWire(w, fields[i].type);
-        s.wire(kIO, w, ser, w);
+        if (sender) s.inputWire(w, fields[i].type, b, w);
+        else s.outputWire(b, w, w, fields[i].type);
     }
     return s.text();
 }
-
-// A Deserializer fills scheme output wires w0..
-std::string receiverScheme(const std::vector<Field>& fields) {
-    SchemeText s;
-    const int des = s.block("des", "wBlockWireDeserializerDescriptor", "", "wires = " + leadList(fields));
-    s.inputPort("stream", LEAD_OBJECT_PTR);
-    s.outputPort("signal", LEAD_BOOL);
-    s.port(kIO, "stream", des, "stream");
-    s.port(des, "signal", kIO, "signal");
-    for (std::size_t i = 0; i < fields.size(); ++i) {
-        const std::string w = "w" + std::to_string(i);
-        s.outputWire(w, fields[i].type);
-        s.wire(des, w, kIO, w);
-    }
-    return s.text();
-}
+std::string senderScheme(const std::vector<Field>& fields) { return endScheme(fields, true); }
+std::string receiverScheme(const std::vector<Field>& fields) { return endScheme(fields, false); }
 
 // Delivers a stream pointer to scheme input port `name`, as a host does.
 void sendStream(wSimulationSystem& system, std::string_view name, Mail::Stream* stream) {
@@ -216,11 +204,9 @@ std::string staleSender() {
     SchemeText s;
     const int sum = s.block("double_it", "wBlockSummatorDescriptor<double>", "", "inputs = { { name = \"a\", coeff = 2 } }");
     const int ser = s.block("ser", "wBlockWireSerializerDescriptor", "", "wires = { { name = \"x\", type = 2 } }");
-    s.inputWire("a", LEAD_DOUBLE);
-    s.inputPort("stream", LEAD_OBJECT_PTR);
-    s.wire(kIO, "a", sum, "a");
+    s.inputWire("a", LEAD_DOUBLE, sum, "a");
+    s.inputPort("stream", LEAD_OBJECT_PTR, ser, "stream");
     s.wire(sum, "output", ser, "x");
-    s.port(kIO, "stream", ser, "stream");
     return s.text();
 }
 
@@ -229,11 +215,9 @@ std::string staleReceiver() {
     SchemeText s;
     const int des = s.block("des", "wBlockWireDeserializerDescriptor", "", "wires = { { name = \"x\", type = 2 } }");
     const int sum = s.block("triple_it", "wBlockSummatorDescriptor<double>", "", "inputs = { { name = \"x\", coeff = 3 } }");
-    s.inputPort("stream", LEAD_OBJECT_PTR);
-    s.outputWire("y", LEAD_DOUBLE);
-    s.port(kIO, "stream", des, "stream");
+    s.inputPort("stream", LEAD_OBJECT_PTR, des, "stream");
+    s.outputWire(sum, "output", "y", LEAD_DOUBLE);
     s.wire(des, "x", sum, "x");
-    s.wire(sum, "output", kIO, "y");
     return s.text();
 }
 
@@ -279,12 +263,10 @@ TEST(WireSerialization, OneStreamReadInTurnByTwoDeserializers) {
     const int first = s.block("first", "wBlockWireDeserializerDescriptor", "", "wires = { { name = \"i\", type = 0 } }");
     const int second = s.block("second", "wBlockWireDeserializerDescriptor", "", "wires = { { name = \"d\", type = 2 } }");
     s.inputPort("stream", LEAD_OBJECT_PTR);
-    s.outputWire("i", LEAD_INT);
-    s.outputWire("d", LEAD_DOUBLE);
+    s.outputWire(first, "i", "i", LEAD_INT);
+    s.outputWire(second, "d", "d", LEAD_DOUBLE);
     s.port(kIO, "stream", first, "stream");
     s.port(kIO, "stream", second, "stream");
-    s.wire(first, "i", kIO, "i");
-    s.wire(second, "d", kIO, "d");
     Running r(s.text());
 
     Mail::BitStream stream;
@@ -352,12 +334,7 @@ TEST(WireSerialization, BadStreamsAreRefusedBeforeAnythingMoves) {
 }
 
 std::string loadError(const std::string& text) {
-    try {
-        Running r(text);
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "(no error)";
+    return messageOf([&] { Running r(text); });
 }
 
 TEST(WireSerialization, BadListsAreRefusedWithTheirPlace) {
@@ -368,8 +345,7 @@ TEST(WireSerialization, BadListsAreRefusedWithTheirPlace) {
     };
     SchemeText withPointer;
     const int w2p = withPointer.block("b", "wBlockWireToPortDescriptor", "", "leads = { { name = \"p\", type = 5 } }");
-    withPointer.inputWire("p", LEAD_OBJECT_PTR);
-    withPointer.wire(kIO, "p", w2p, "p");
+    withPointer.inputWire("p", LEAD_OBJECT_PTR, w2p, "p");
     const std::string pointerLead = withPointer.text();
     struct Case {
         const char* what;
@@ -416,18 +392,14 @@ std::string wireToPortScheme() {
     const int w2p = s.block("w2p", "wBlockWireToPortDescriptor", "",
                             "leads = { { name = \"n\", type = 0 }, { name = \"on\", type = 1 }, { name = \"v\", type = 3 } }");
     const int inv = s.block("inv", "wBlockNOTDescriptor");
-    s.inputWire("n", LEAD_INT);
-    s.inputWire("off", LEAD_BOOL);
-    s.inputWire("v", LEAD_VECTOR);
-    s.inputPort("latch", LEAD_BOOL);
+    s.inputWire("n", LEAD_INT, w2p, "n");
+    s.inputWire("off", LEAD_BOOL, inv, "input");
+    s.inputWire("v", LEAD_VECTOR, w2p, "v");
+    s.inputPort("latch", LEAD_BOOL, w2p, "latch");
     s.outputPort("n", LEAD_INT);
     s.outputPort("on", LEAD_BOOL);
     s.outputPort("v", LEAD_VECTOR);
-    s.wire(kIO, "n", w2p, "n");
-    s.wire(kIO, "off", inv, "input");
     s.wire(inv, "output", w2p, "on");
-    s.wire(kIO, "v", w2p, "v");
-    s.port(kIO, "latch", w2p, "latch");
     for (const char* lead : {"n", "on", "v"}) s.port(w2p, lead, kIO, lead);
     return s.text();
 }

@@ -183,8 +183,8 @@ TEST_P(RuntimeNoAlloc, SimulateAllocatesNothing) {
     b.scheme.setOdeSolverDescriptor(solvers::make(GetParam(), 0.004, 1e-6, 1e-9));
     b.inputWire("u");
     b.inputPort("kick");
-    b.outputWire("y");
-    b.outputWire("z");
+    b.outputWire(gOut, "out", "y");
+    b.outputWire(s3, "out", "z");
     b.outputPort("flag");
     b.wire(b.io(), "u", gIn, "in");
     b.wire(gIn, "out", integ2, "in");
@@ -195,9 +195,7 @@ TEST_P(RuntimeNoAlloc, SimulateAllocatesNothing) {
     b.wire(integ, "x", gLoop, "in");
     b.wire(integ, "x", s2, "in");
     b.wire(s1, "out", gOut, "in");
-    b.wire(gOut, "out", b.io(), "y");
     b.wire(b.io(), "u", s3, "in");
-    b.wire(s3, "out", b.io(), "z");
     b.port(b.io(), "kick", trig, "in");
     b.port(trig, "out", b.io(), "flag");
     auto sys = b.run();

@@ -26,12 +26,10 @@ struct Growth {
         c = b.add<CounterDescriptor>("c");
         c->dt.set(period);
         euler = b.euler(H);
-        b.inputWire("x0");
-        b.outputWire("x");
+        b.inputWire("x0", i, "x.initial");
+        b.outputWire(i, "x", "x");
         b.wire(i, "x", g, "in");
         b.wire(g, "out", i, "in");
-        b.wire(b.io(), "x0", i, "x.initial");
-        b.wire(i, "x", b.io(), "x");
         sys = b.run();
     }
     rt::Builder b;
@@ -71,10 +69,9 @@ TEST(RuntimeEuler, WithoutEventsIntegratesOneStepPerCall) {
     auto* i = b.add<IntegratorDescriptor>("i");
     b.euler(0.1);
     b.inputWire("c");
-    b.outputWire("x");
+    b.outputWire(i, "x", "x");
     b.wire(b.io(), "c", i, "in");
     b.wire(b.io(), "c", i, "x.initial");
-    b.wire(i, "x", b.io(), "x");
     auto sys = b.run();
 
     const double c = 3.0;
@@ -125,10 +122,9 @@ TEST(RuntimeEuler, ABadStepIsRefusedNotReturnedAsTheIntervalCovered) {
         auto* i = b.add<IntegratorDescriptor>("i");
         auto* g = b.add<GainDescriptor>("g");
         b.euler(H);
-        b.inputWire("x0");
+        b.inputWire("x0", i, "x.initial");
         b.wire(i, "x", g, "in");
         b.wire(g, "out", i, "in");
-        b.wire(b.io(), "x0", i, "x.initial");
         auto sys = b.run();
         EXPECT_THAT(testutil::messageOf<wSimulationException>([&] { sys->simulate(0.0); }),
                     HasSubstr("Explicit Euler step H must be positive"))

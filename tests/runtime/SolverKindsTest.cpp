@@ -22,12 +22,9 @@ namespace {
 std::string integratorScheme(const std::string& solverBody) {
     testutil::SchemeText s;
     const int i = s.block("i", "wBlockIntegratorDescriptor<double>");
-    s.inputWire("u", LEAD_DOUBLE);
-    s.inputWire("x0", LEAD_DOUBLE);
-    s.outputWire("x", LEAD_DOUBLE);
-    s.wire(kIO, "u", i, "input");
-    s.wire(kIO, "x0", i, "output.initial");
-    s.wire(i, "output", kIO, "x");
+    s.inputWire("u", LEAD_DOUBLE, i, "input");
+    s.inputWire("x0", LEAD_DOUBLE, i, "output.initial");
+    s.outputWire(i, "output", "x", LEAD_DOUBLE);
     s.solver(solverBody);
     return s.text();
 }

@@ -31,16 +31,14 @@ std::string oscillatorScheme(const std::string& solverBody) {
     const int v = s.block("velocity", "wBlockIntegratorDescriptor<double>");
     const int x = s.block("position", "wBlockIntegratorDescriptor<double>");
     s.inputPort("reset", LEAD_BOOL);
-    s.outputWire("x", LEAD_DOUBLE);
-    s.outputWire("v", LEAD_DOUBLE);
+    s.outputWire(x, "output", "x", LEAD_DOUBLE);
+    s.outputWire(v, "output", "v", LEAD_DOUBLE);
     s.wire(x, "output", a, "x");
     s.wire(a, "output", v, "input");
     s.wire(v, "output", x, "input");
     s.wire(c, "x0", x, "output.initial");
     s.wire(c, "v0", v, "output.initial");
     s.port(kIO, "reset", kCmds, "reset_diff_state");
-    s.wire(x, "output", kIO, "x");
-    s.wire(v, "output", kIO, "v");
     s.solver(solverBody);
     return s.text();
 }
@@ -101,11 +99,10 @@ TEST_P(SolverSuite, ArrivesExactlyAtEventTimes) {
     s->dt.set(0.3);
     b.scheme.setOdeSolverDescriptor(solvers::make(GetParam(), 0.25));
     b.inputWire("c");
-    b.outputWire("sample");
+    b.outputWire(s, "out", "sample");
     b.wire(b.io(), "c", i, "in");
     b.wire(b.io(), "c", i, "x.initial");
     b.wire(i, "x", s, "in");
-    b.wire(s, "out", b.io(), "sample");
     auto sys = b.run();
     sys->setInput<double>("c", 3.0);
 
@@ -132,13 +129,11 @@ TEST_P(SolverSuite, FollowsAnInputThatADiscreteBlockChanges) {
     c->dt.set(1.0);
     s->dt.set(0.5);
     b.scheme.setOdeSolverDescriptor(solvers::make(GetParam(), 0.2));
-    b.inputWire("x0");
-    b.outputWire("sample");
+    b.inputWire("x0", i, "x.initial");
+    b.outputWire(s, "out", "sample");
     b.wire(c, "count", conv, "input");
     b.wire(conv, "output", i, "in");
-    b.wire(b.io(), "x0", i, "x.initial");
     b.wire(i, "x", s, "in");
-    b.wire(s, "out", b.io(), "sample");
     auto sys = b.run();
 
     auto exact = [](double t) {
@@ -170,11 +165,10 @@ TEST_P(SolverSuite, ResetDiffStateReloadsTheInitialValuesMidRun) {
     g->k.set(-1.0);
     s->dt.set(0.25);
     b.scheme.setOdeSolverDescriptor(solvers::make(k, k.order == 1 ? 1e-4 : 0.05));
-    b.inputWire("x0");
+    b.inputWire("x0", i, "x.initial");
     b.inputPort("reset");
     b.wire(i, "x", g, "in");
     b.wire(g, "out", i, "in");
-    b.wire(b.io(), "x0", i, "x.initial");
     b.wire(i, "x", s, "in");
     b.port(b.io(), "reset", b.special(), "reset_diff_state");
     auto sys = b.run();
@@ -219,8 +213,8 @@ std::string stiffScheme(const std::string& solverBody) {
     const int y2 = s.block("y2", "wBlockIntegratorDescriptor<double>");
     const int t = s.block("start_trigger", "wBlockDelayTriggerDescriptor",
                           "dt = { value = 10 }, enabled = { value = false }, delay_time = { value = 0 }");
-    s.outputWire("y1", LEAD_DOUBLE);
-    s.outputWire("y2", LEAD_DOUBLE);
+    s.outputWire(y1, "output", "y1", LEAD_DOUBLE);
+    s.outputWire(y2, "output", "y2", LEAD_DOUBLE);
     s.wire(y1, "output", d1, "y1");
     s.wire(y1, "output", d2, "y1");
     s.wire(y2, "output", d2, "y2");
@@ -229,8 +223,6 @@ std::string stiffScheme(const std::string& solverBody) {
     s.wire(c, "one", y1, "output.initial");
     s.wire(c, "one", y2, "output.initial");
     s.port(t, "timed_out", kCmds, "reset_diff_state");
-    s.wire(y1, "output", kIO, "y1");
-    s.wire(y2, "output", kIO, "y2");
     s.solver(solverBody);
     return s.text();
 }

@@ -265,9 +265,8 @@ TEST(SchemeFile, SolverIsReadOnlyWhenARunNeedsIt) {
 
     SchemeText continuous;
     const int i = continuous.block("i", "TestIntegrator");
-    continuous.inputWire("x0", LEAD_DOUBLE);
+    continuous.inputWire("x0", LEAD_DOUBLE, i, "x.initial");
     continuous.wire(i, "x", i, "in");
-    continuous.wire(kIO, "x0", i, "x.initial");
     EXPECT_EQ(loadError(continuous.text()), "simulation_scheme.solver failed to Lua::Loader::beginSubtable: missing");
     s.loadForEdit(testutil::writeFile(dir / "nosolver.lua", continuous.text()), discarded);  // fine for an editor
     EXPECT_EQ(s.getOdeSolverDescriptor(), nullptr);
@@ -338,8 +337,7 @@ TEST(SchemeFile, UnusedOverridesAreReportedWithTheirPlace) {
     const int g = text.block("g", "TestGain", "k = {}");
     text.block("c", "TestCounter", "dt = { value = 1 }");
     text.block("d", "TestCounter", "dt = { value = 1 }");
-    text.inputWire("v", LEAD_DOUBLE);
-    text.wire(kIO, "v", g, "in");
+    text.inputWire("v", LEAD_DOUBLE, g, "in");
     const std::string file = testutil::writeFile(testutil::freshDir() / "scheme.lua", text.text());
     Lua::Loader overrides;
     overrides.loadString("overrides = { g = { k = 2, gain = 3 }, c = { dt = 5 }, gg = { k = 1 }, [1] = 4, x = {} }",
@@ -372,8 +370,7 @@ TEST(SchemeFile, UnusedOverridesAreReportedWithTheirPlace) {
 TEST(SchemeFile, ErrorsWhileInstantiatingNameTheFile) {
     SchemeText text;
     const int scope = text.block("scope", "wBlockOscilloscopeDescriptor", "dt = { value = 1 }, capacity = { value = 5 }");
-    text.inputWire("v", LEAD_DOUBLE);
-    text.wire(kIO, "v", scope, "input1");
+    text.inputWire("v", LEAD_DOUBLE, scope, "input1");
     const std::string file = testutil::writeFile(testutil::freshDir() / "scheme.lua", text.text());
     wSimulationSystemScheme s;
     s.loadForRuntime(file);

@@ -10,8 +10,7 @@
 #include <string>
 #include <vector>
 
-#include <sys/wait.h>
-
+#include "support/CliProcess.h"
 #include "support/SchemeFiles.h"
 #include "vandrel/blocks/Conversions.h"
 #include "vandrel/core/Wire.h"
@@ -107,26 +106,18 @@ TEST(SubsystemBlock, LeadsAreTheNestedSchemesOwnLeadsInsideOutAndPortsReachInsid
     testutil::SchemeText nested;
     const int sum = nested.block("sum", "wBlockSummatorDescriptor<double>", "", "inputs = { { name = \"u\", coeff = 2 } }");
     const int inv = nested.block("inv", "wBlockNOTtriggerDescriptor");
-    nested.inputWire("u", LEAD_DOUBLE);
-    nested.inputPort("p", LEAD_BOOL);
-    nested.outputWire("y", LEAD_DOUBLE);
-    nested.outputPort("q", LEAD_BOOL);
-    nested.wire(kIO, "u", sum, "u");
-    nested.wire(sum, "output", kIO, "y");
-    nested.port(kIO, "p", inv, "input");
-    nested.port(inv, "output", kIO, "q");
+    nested.inputWire("u", LEAD_DOUBLE, sum, "u");
+    nested.inputPort("p", LEAD_BOOL, inv, "input");
+    nested.outputWire(sum, "output", "y", LEAD_DOUBLE);
+    nested.outputPort(inv, "output", "q", LEAD_BOOL);
     testutil::writeFile(dir / "both.sch", nested.text());
 
     testutil::SchemeText outer;
     const int s = outer.block("s", kSubsystem, "", subsystemKeys("both"));
-    outer.inputWire("u", LEAD_DOUBLE);
-    outer.inputPort("p", LEAD_BOOL);
-    outer.outputWire("y", LEAD_DOUBLE);
-    outer.outputPort("q", LEAD_BOOL);
-    outer.wire(kIO, "u", s, "u");
-    outer.wire(s, "y", kIO, "y");
-    outer.port(kIO, "p", s, "p");
-    outer.port(s, "q", kIO, "q");
+    outer.inputWire("u", LEAD_DOUBLE, s, "u");
+    outer.inputPort("p", LEAD_BOOL, s, "p");
+    outer.outputWire(s, "y", "y", LEAD_DOUBLE);
+    outer.outputPort(s, "q", "q", LEAD_BOOL);
     const std::string file = testutil::writeFile(dir / "outer.lua", outer.text());
 
     auto edited = loadEdit(file);
@@ -184,12 +175,9 @@ TEST(SubsystemBlock, IdleSubsystemRunsAgainWheneverWhatFeedsItChanges) {
     s.wire(ramp, "output", half, "r");
     s.wire(half, "output", before, "u");
     s.wire(half, "output", after, "u");
-    s.outputWire("ramp", LEAD_DOUBLE);
-    s.outputWire("before", LEAD_DOUBLE);
-    s.outputWire("after", LEAD_DOUBLE);
-    s.wire(ramp, "output", kIO, "ramp");
-    s.wire(before, "y", kIO, "before");
-    s.wire(after, "y", kIO, "after");
+    s.outputWire(ramp, "output", "ramp", LEAD_DOUBLE);
+    s.outputWire(before, "y", "before", LEAD_DOUBLE);
+    s.outputWire(after, "y", "after", LEAD_DOUBLE);
     auto scheme = loadRun(testutil::writeFile(dir / "outer.lua", s.text()));
     auto system = scheme->instantiate();
 
@@ -219,10 +207,8 @@ TEST(SubsystemBlock, IdleSubsystemFedByContinuousStateSamplesItEveryStep) {
     s.wire(c, "one", x, "input");
     s.wire(c, "zero", x, "output.initial");
     s.wire(x, "output", sub, "u");
-    s.outputWire("x", LEAD_DOUBLE);
-    s.outputWire("y", LEAD_DOUBLE);
-    s.wire(x, "output", kIO, "x");
-    s.wire(sub, "y", kIO, "y");
+    s.outputWire(x, "output", "x", LEAD_DOUBLE);
+    s.outputWire(sub, "y", "y", LEAD_DOUBLE);
     auto scheme = loadRun(testutil::writeFile(dir / "outer.lua", s.text()));
     auto system = scheme->instantiate();
 
@@ -274,11 +260,9 @@ TEST(SubsystemBlock, ChainedSubsystemsShareTheSlotBetweenThem) {
     testutil::SchemeText s;
     const int first = s.block("first", kSubsystem, "[\"c.k\"] = { value = 1 }", subsystemKeys("offset", {"c.k"}));
     const int second = s.block("second", kSubsystem, "[\"c.k\"] = { value = 10 }", subsystemKeys("offset", {"c.k"}));
-    s.inputWire("u", LEAD_DOUBLE);
-    s.outputWire("y", LEAD_DOUBLE);
-    s.wire(kIO, "u", first, "u");
+    s.inputWire("u", LEAD_DOUBLE, first, "u");
+    s.outputWire(second, "y", "y", LEAD_DOUBLE);
     s.wire(first, "y", second, "u");
-    s.wire(second, "y", kIO, "y");
     auto scheme = loadRun(testutil::writeFile(dir / "outer.lua", s.text()));
     const int between = scheme->getBlockByName("first.sum")->getOutputWireOffset(0);
     EXPECT_EQ(scheme->getBlockByName("second.sum")->getInputWireOffset(0), between);
@@ -298,10 +282,8 @@ TEST(SubsystemBlock, NestedContinuousStateStartsOnAMultipleOfEight) {
     testutil::SchemeText s;
     const int lag = s.block("lag", kSubsystem, "", subsystemKeys("lag"));
     s.inputWire("flag", LEAD_BOOL);  // 1 byte, so the next level starts after padding
-    s.inputWire("u", LEAD_DOUBLE);
-    s.outputWire("x", LEAD_DOUBLE);
-    s.wire(kIO, "u", lag, "u");
-    s.wire(lag, "x", kIO, "x");
+    s.inputWire("u", LEAD_DOUBLE, lag, "u");
+    s.outputWire(lag, "x", "x", LEAD_DOUBLE);
     auto scheme = loadRun(testutil::writeFile(dir / "outer.lua", s.text()));
     const wSimulationSystemScheme& nested = subsystem(*scheme, "lag")->getScheme();
     EXPECT_EQ(scheme->getDiffMemorySize(), 0);
@@ -352,13 +334,11 @@ TEST(SubsystemBlock, StateBlobAndQueueTimeCarryTheNestedState) {
                                    "dt = { value = 0.1 }, K_t = { value = 1 }, use_start_val = { value = true }, "
                                    "start_val = { value = 0 }, activate_by_port = { value = false }, loop = { value = false }");
     nested.wire(target, "v", timer, "target");
-    nested.outputWire("y", LEAD_DOUBLE);
-    nested.wire(timer, "output", kIO, "y");
+    nested.outputWire(timer, "output", "y", LEAD_DOUBLE);
     testutil::writeFile(dir / "timer.sch", nested.text());
     testutil::SchemeText s;
     const int sub = s.block("t", kSubsystem, "", subsystemKeys("timer"));
-    s.outputWire("y", LEAD_DOUBLE);
-    s.wire(sub, "y", kIO, "y");
+    s.outputWire(sub, "y", "y", LEAD_DOUBLE);
     auto scheme = loadRun(testutil::writeFile(dir / "outer.lua", s.text()));
 
     auto first = scheme->instantiate();
@@ -414,28 +394,20 @@ TEST(SubsystemBlock, OverridesReachNestedBlocksByPath) {
     EXPECT_EQ(run->getOutput<double>("ya"), 1.5);
 }
 
-#ifdef VANDREL_CLI
-// Standard output of `vandrel <args>`; fails the test on a non-zero exit status.
-std::string cli(const std::string& args) {
-    std::FILE* p = ::popen((std::string(VANDREL_CLI) + " " + args + " 2>&1").c_str(), "r");
-    std::string out;
-    char buf[4096];
-    std::size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    const int status = ::pclose(p);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << args << "\n" << out;
-    return out;
+// Through the real `vandrel` process, as users run subsystems.
+class SubsystemCli : public testutil::CliProcess {};
+
+TEST_F(SubsystemCli, CommandLineOverridesReachNestedBlocks) {
+    const auto r = run("run " + dataFile("open.lua") + " --overrides " + dataFile("open.overrides.lua") +
+                       " --set u=2 --until 0 -q");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out + r.err, "time,y1,y2\n0,12,102\n");
 }
 
-TEST(SubsystemBlock, CommandLineOverridesReachNestedBlocks) {
-    const std::string out = cli("run " + dataFile("open.lua") + " --overrides " + dataFile("open.overrides.lua") +
-                                " --set u=2 --until 0 -q");
-    EXPECT_EQ(out, "time,y1,y2\n0,12,102\n");
-}
-
-TEST(SubsystemBlock, ExampleRunsTwoSlewLimitersFromOneFile) {
-    const std::string out = cli(std::string("run ") + VANDREL_EXAMPLES_DIR + "/slew_limiters.lua --until 3 --every 1 -q");
-    std::istringstream lines(out);
+TEST_F(SubsystemCli, ExampleRunsTwoSlewLimitersFromOneFile) {
+    const auto r = run("run " + example("slew_limiters.lua") + " --until 3 --every 1 -q");
+    EXPECT_EQ(r.status, 0) << r.err;
+    std::istringstream lines(r.out + r.err);
     std::string line;
     std::getline(lines, line);
     EXPECT_EQ(line, "time,fast,slow,gap");
@@ -450,7 +422,6 @@ TEST(SubsystemBlock, ExampleRunsTwoSlewLimitersFromOneFile) {
     }
     EXPECT_EQ(rows, 3);
 }
-#endif
 
 // ---- Editing
 

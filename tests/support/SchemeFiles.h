@@ -127,6 +127,16 @@ public:
               const std::string& in) {
         s_.addConnection({from ? from : io(), to ? to : io(), out, in, false});
     }
+    // A scheme wire and the connection that carries it into `to` or out of `from`.
+    void inputWire(const std::string& n, wSimulationBlockDescriptor* to, const std::string& in, eLeadType t = LEAD_DOUBLE) {
+        inputWire(n, t);
+        wire(io(), n, to, in);
+    }
+    void outputWire(wSimulationBlockDescriptor* from, const std::string& out, const std::string& n,
+                    eLeadType t = LEAD_DOUBLE) {
+        outputWire(n, t);
+        wire(from, out, io(), n);
+    }
     void port(wSimulationBlockDescriptor* from, const std::string& out, wSimulationBlockDescriptor* to,
               const std::string& in) {
         s_.addConnection({from ? from : io(), to ? to : io(), out, in, true});
@@ -172,6 +182,24 @@ public:
     void outputPort(const std::string& n, eLeadType t) { inPorts_ += lead(n, t); }
     void wire(int from, const std::string& out, int to, const std::string& in) { connect(from, out, to, in, false); }
     void port(int from, const std::string& out, int to, const std::string& in) { connect(from, out, to, in, true); }
+    // A lead of the scheme and the connection that carries it: from the scheme into lead
+    // `in` of block `to`, or out of lead `out` of block `from`.
+    void inputWire(const std::string& n, eLeadType t, int to, const std::string& in) {
+        inputWire(n, t);
+        wire(kIO, n, to, in);
+    }
+    void outputWire(int from, const std::string& out, const std::string& n, eLeadType t) {
+        outputWire(n, t);
+        wire(from, out, kIO, n);
+    }
+    void inputPort(const std::string& n, eLeadType t, int to, const std::string& in) {
+        inputPort(n, t);
+        port(kIO, n, to, in);
+    }
+    void outputPort(int from, const std::string& out, const std::string& n, eLeadType t) {
+        outputPort(n, t);
+        port(from, out, kIO, n);
+    }
     void solver(const std::string& body) { solver_ = body; }
     void connection(const std::string& entry) { connections_ += "    " + entry + ",\n"; }
 
