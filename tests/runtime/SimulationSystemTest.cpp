@@ -66,6 +66,22 @@ struct Chain {
     std::unique_ptr<wSimulationSystem> sys;
 };
 
+TEST(RuntimeSystem, HostAccessWithTheWrongCppTypeThrows) {
+    Chain m(0.1);
+    wSimulationSystem& sys = *m.sys;
+    sys.setInput<double>("u", 1.5);
+    sys.simulate(0.0);
+    EXPECT_EQ(messageOf([&] { sys.setInput<int>("u", 1); }),
+              "Scheme input wire u holds double, not integer: access it with the C++ type of its lead");
+    EXPECT_EQ(messageOf([&] { sys.getOutput<double>("n"); }),
+              "Scheme output wire n holds integer, not double: access it with the C++ type of its lead");
+    EXPECT_EQ(messageOf([&] { sys.getOutput<bool>("y"); }),
+              "Scheme output wire y holds double, not boolean: access it with the C++ type of its lead");
+    EXPECT_EQ(messageOf([&] { sys.getOutput<double>("nosuch"); }), "No output wire in scheme: nosuch");
+    // A refused write changes nothing.
+    EXPECT_EQ(sys.getOutput<double>("y"), 9.0);
+}
+
 TEST(RuntimeSystem, InputsFlowInDataOrderAndDiscreteBlocksRunWhenDue) {
     Chain m(0.1);
     wSimulationSystem& sys = *m.sys;

@@ -339,6 +339,17 @@ int wSimulationSystem::getOutputWireOffset(std::string_view name) const {
     return io.getInputWireOffset(j);
 }
 
+int wSimulationSystem::typedWireOffset_(bool output, std::string_view name, eLeadType type) const {
+    const int offset = output ? getOutputWireOffset(name) : getInputWireOffset(name);
+    const int index = scheme_->getIOBlock().getLeadIndex(output, false, name, false);
+    const eLeadType actual = scheme_->getIOLeads(output, false)[static_cast<std::size_t>(index)].type;
+    if (actual != type)
+        throw wSimulationException(zo::string(output ? "Scheme output wire " : "Scheme input wire ") + zo::string(name) +
+                                   " holds " + leadTypeNames[actual] + ", not " + leadTypeNames[type] +
+                                   ": access it with the C++ type of its lead");
+    return offset;
+}
+
 int wSimulationSystem::getBlockCount() const { return static_cast<int>(blocks_.size()); }
 
 const wSimulationBlockDescriptor* wSimulationSystem::schemeGetIOBlock() const { return &scheme_->getIOBlock(); }

@@ -52,10 +52,16 @@ public:
     // Byte offsets of scheme input / output wires in the data area; throw for unknown names.
     int getInputWireOffset(std::string_view name) const;
     int getOutputWireOffset(std::string_view name) const;
+    // Typed access by name; throws when T is not the wire's lead type, rather than
+    // reinterpreting its bytes.
     template <class T>
-    void setInput(std::string_view name, const T& v) { writeWire<T>(data_, getInputWireOffset(name), v); }
+    void setInput(std::string_view name, const T& v) {
+        writeWire<T>(data_, typedWireOffset_(false, name, wLeadTypeOf<T>::value), v);
+    }
     template <class T>
-    T getOutput(std::string_view name) const { return readWire<T>(data_, getOutputWireOffset(name)); }
+    T getOutput(std::string_view name) const {
+        return readWire<T>(data_, typedWireOffset_(true, name, wLeadTypeOf<T>::value));
+    }
 
     // The continuous state: getDiffStateSize() doubles starting at getDiffState().
     double* getDiffState();
@@ -129,6 +135,8 @@ protected:
     const wSimulationBlockDescriptor* schemeGetIOBlock() const;
 
 private:
+    // The offset of a scheme input (output = false) or output wire, checked against type.
+    int typedWireOffset_(bool output, std::string_view name, eLeadType type) const;
     struct QueueEntry {
         int discreteIndex;  // discrete block index, in discrete order
         double time;        // absolute scheme time (s) at which it is due
