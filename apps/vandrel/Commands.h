@@ -22,6 +22,7 @@ struct RunOptions {
     std::string scopeDir;            // directory for oscilloscope recordings
     bool quiet = false;              // no progress bar
     int precision = 0;               // significant digits of numbers; 0: shortest exact form
+    bool initialValues = true;       // start continuous states at their initial values
 };
 
 int runCommand(const RunOptions& options);

@@ -195,6 +195,8 @@ int runCommand(const RunOptions& o) {
                              " was saved at (" + doubleToString(t) + " s); give a later end time"};
     }
     if (series) series->apply(t, data);
+    // A fresh run starts its integrators at their initial values; a restored one goes on.
+    if (o.initialValues && o.stateIn.empty()) system->applyInitialValues();
     // A sampling grid finer than anyone can read would write rows for ever.
     constexpr double kMaxSamples = 1e8;
     if (o.every > 0 && (o.until - t) / o.every > kMaxSamples)

@@ -31,6 +31,8 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(1, 17));
     runCmd->add_option("--scope-dir", run.scopeDir, "Write each oscilloscope block's recording to DIR/<block>.csv");
     runCmd->add_flag("--quiet,-q", run.quiet, "No progress bar");
+    runCmd->add_flag("!--no-initial-values", run.initialValues,
+                     "Start continuous states at zero instead of their initial-value inputs");
     bool safeScripts = false;
     runCmd->add_flag("--safe-scripts", safeScripts,
                      "Lua script blocks get only libraries that reach neither files nor the process");

@@ -229,3 +229,41 @@ TEST_F(Cli, BlocksListsTheLibraryAndDumpShowsTheLayout) {
 }
 
 }  // namespace
+
+// x' = u with x(0) = 2 * x0 + u, where x0 is a constant and u a scheme input: the initial
+// value passes through a stateless block and a scheme input before the first step.
+constexpr const char* kInitial = R"(simulation_scheme = {
+  blocks = {
+    { __name = "c", __type = "wBlockConstantsDescriptor",
+      values = { { name = "x0", type = 1 } }, __parameters = { x0 = { value = 1.5 } } },
+    { __name = "init", __type = "wBlockSummatorDescriptor<double>", __parameters = {},
+      inputs = { { name = "a", coeff = 2 }, { name = "b", coeff = 1 } } },
+    { __name = "x", __type = "wBlockIntegratorDescriptor<double>", __parameters = {} },
+  },
+  solver = { __type = "wSolverExplEulerDescriptor", H = 0.25 },
+  io = { inputWires = { { name = "x", type = 2 } }, inputPorts = {},
+         outputWires = { { name = "u", type = 2 } }, outputPorts = {} },
+  connections = {
+    { output_block = 0, output_lead = "x0", input_block = 1, input_lead = "a", port = false },
+    { output_block = -666, output_lead = "u", input_block = 1, input_lead = "b", port = false },
+    { output_block = -666, output_lead = "u", input_block = 2, input_lead = "input", port = false },
+    { output_block = 1, output_lead = "output", input_block = 2, input_lead = "output.initial", port = false },
+    { output_block = 2, output_lead = "output", input_block = -666, input_lead = "x", port = false },
+  },
+})";
+
+TEST_F(Cli, IntegratorsStartAtTheirInitialValuesUnlessToldNot) {
+    const std::string scheme = write("initial.lua", kInitial).string();
+    struct Case {
+        std::string options;
+        double x0;  // x at t = 0, before integrating u = 2 for 0.5 s
+    };
+    for (const Case& c : {Case{"", 5.0}, Case{" --no-initial-values", 0.0}}) {
+        const Result r = run("run " + scheme + " --until 0.5 --set u=2 -q" + c.options);
+        ASSERT_EQ(r.status, 0) << r.err;
+        const auto rows = csv(r.out);
+        ASSERT_EQ(rows.size(), 3u) << r.out;
+        EXPECT_NEAR(std::stod(rows[1][1]), c.x0 + 0.5, 1e-12) << c.options;
+        EXPECT_NEAR(std::stod(rows[2][1]), c.x0 + 1.0, 1e-12) << c.options;
+    }
+}

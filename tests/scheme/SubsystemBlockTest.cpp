@@ -322,6 +322,13 @@ TEST(SubsystemBlock, NestedContinuousSchemeRunsOnItsOwnSolverAndResetsReachIt) {
     EXPECT_EQ(system->getOutput<double>("x"), 0.0);
     EXPECT_NEAR(system->simulate(0), 0.1, 1e-12);
     EXPECT_NEAR(system->getOutput<double>("x"), 0.1, 1e-12);
+    // Initial values reach the nested state too, without a reset trigger.
+    auto fresh = scheme->instantiate();
+    fresh->setInput<double>("u", 1);
+    fresh->applyInitialValues();
+    EXPECT_EQ(fresh->getOutput<double>("x"), 3.0);
+    fresh->simulate(0);
+    EXPECT_NEAR(fresh->getOutput<double>("x"), 3 + 0.1 * (1 - 3), 1e-12);
 }
 
 TEST(SubsystemBlock, StateBlobAndQueueTimeCarryTheNestedState) {

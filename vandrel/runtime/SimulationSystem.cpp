@@ -457,6 +457,20 @@ void wSimulationSystem::reset() {
     if (solver_) solver_->restart();
 }
 
+void wSimulationSystem::applyInitialValues() {
+    // Stateless blocks are numbered in evaluation order, each before what it feeds.
+    for (std::size_t k = 0; k < stateless_.size(); ++k) {
+        stateless_[k]->update(now_, data_);
+        dirty_[k] = 0;
+    }
+    // Nested schemes read the values just computed in the shared area.
+    for (wSimulationSystem* child : children_) child->applyInitialValues();
+    for (wSimulationBlockDiff* b : diff_) b->resetState(data_);
+    // The states jumped: everything computed from them is stale.
+    setDirty_(scheme_->getStatelessBlocksInDiff());
+    if (solver_) solver_->restart();
+}
+
 double wSimulationSystem::simulate(double T) {
     // A time that is not finite would never let an event become due (NaN) or would run
     // every event there will ever be (infinity).

@@ -38,6 +38,12 @@ public:
     // Advances to scheme time T; returns the delay until the next call is needed, or -1.0.
     // Throws for a T that is not finite.
     double simulate(double T);
+    // Starts the continuous state at its initial values: brings every stateless block up to
+    // date from what the data area holds now (scheme inputs, constants), then loads each
+    // continuous state from its initial-value input, as a write to "reset_diff_state"
+    // would, nested systems included. Call it after writing the inputs, before the first
+    // simulate; reset() does not do it.
+    void applyInitialValues();
     // Empties the schedule, marks every stateless block dirty, zeroes continuous state,
     // resets every discrete block and makes each due at time 0.
     virtual void reset();
