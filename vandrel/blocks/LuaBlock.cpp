@@ -1,6 +1,7 @@
 #include "vandrel/blocks/LuaBlock.h"
 
 #include <fstream>
+#include <initializer_list>
 #include <string>
 #include <utility>
 
@@ -223,12 +224,13 @@ std::unique_ptr<wSimulationBlockDisc> wBlockLuaDescriptor::create(Lua::Loader*, 
 
 // ---- Input port proxy
 
-void wBlockLuaInputPortProxy::call(const int& value) {
+void wBlockLuaInputPortProxy::callWithNumbers(std::initializer_list<double> numbers) {
     Lua::ScriptArgs args;
-    args.count = 1;
-    args.numbers[0] = value;
+    for (const double v : numbers) args.numbers[args.count++] = v;
     block_->callFunction(function_.c_str(), args);
 }
+
+void wBlockLuaInputPortProxy::call(const int& value) { callWithNumbers({static_cast<double>(value)}); }
 
 void wBlockLuaInputPortProxy::call(const bool& value) {
     Lua::ScriptArgs args;
@@ -237,39 +239,14 @@ void wBlockLuaInputPortProxy::call(const bool& value) {
     block_->callFunction(function_.c_str(), args);
 }
 
-void wBlockLuaInputPortProxy::call(const double& value) {
-    Lua::ScriptArgs args;
-    args.count = 1;
-    args.numbers[0] = value;
-    block_->callFunction(function_.c_str(), args);
-}
+void wBlockLuaInputPortProxy::call(const double& value) { callWithNumbers({value}); }
 
-void wBlockLuaInputPortProxy::call(const Vec3d& value) {
-    Lua::ScriptArgs args;
-    args.count = 3;
-    args.numbers[0] = value.x;
-    args.numbers[1] = value.y;
-    args.numbers[2] = value.z;
-    block_->callFunction(function_.c_str(), args);
-}
+void wBlockLuaInputPortProxy::call(const Vec3d& value) { callWithNumbers({value.x, value.y, value.z}); }
 
-void wBlockLuaInputPortProxy::call(const Rot3d& value) {
-    // The stored fourth component first, as the wire getter gives it.
-    Lua::ScriptArgs args;
-    args.count = 4;
-    args.numbers[0] = value.w;
-    args.numbers[1] = value.x;
-    args.numbers[2] = value.y;
-    args.numbers[3] = value.z;
-    block_->callFunction(function_.c_str(), args);
-}
+// The stored fourth component first, as the wire getter gives it.
+void wBlockLuaInputPortProxy::call(const Rot3d& value) { callWithNumbers({value.w, value.x, value.y, value.z}); }
 
-void wBlockLuaInputPortProxy::call(const unsigned int& value) {
-    Lua::ScriptArgs args;
-    args.count = 1;
-    args.numbers[0] = value;
-    block_->callFunction(function_.c_str(), args);
-}
+void wBlockLuaInputPortProxy::call(const unsigned int& value) { callWithNumbers({static_cast<double>(value)}); }
 
 // ---- Runtime block
 

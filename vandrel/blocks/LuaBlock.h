@@ -24,6 +24,7 @@
 // among wires and output ports, as are object-pointer ports, when the scheme is loaded
 // for running. The script's variables are not part of the block's saved state.
 #include <exception>
+#include <initializer_list>
 #include <memory>
 #include <string_view>
 
@@ -118,6 +119,8 @@ public:
     const zo::string& getFunctionName() const { return function_; }
 
 private:
+    // Calls the function with these numbers as its arguments.
+    void callWithNumbers(std::initializer_list<double> numbers);
     wBlockLua* block_;  // not owned: the block that owns this proxy
     zo::string function_;
 };
