@@ -479,6 +479,31 @@ TEST(SubsystemBlock, EditingLoadsTheNestedSchemeAndSavesTheBlockAsWritten) {
     EXPECT_NE(log.text().find("Subsystem block \"a\""), std::string::npos) << log.text();
 }
 
+// The file name is written twice (parameter and key); every way of leaving it unset or
+// empty must save to a file that reloads to the same bytes.
+TEST(SubsystemBlock, AnUnsetOrEmptyFileNameSavesStably) {
+    const struct {
+        const char* parameter;
+        const char* key;
+        const char* expect;
+    } cases[] = {
+        {"filename = {}", "", "filename = {},"},
+        {"filename = {}", "template_scheme = \"\"", "filename = {},"},
+        {"filename = { value = \"\" }", "template_scheme = \"\"", "filename = { value = \"\" },"},
+        {"filename = {}", "template_scheme = 5", "filename = {},"},
+        {"filename = { value = \"x\" }", "template_scheme = \"\"", "filename = { value = \"x\" },"},
+        {"filename = {}", "template_scheme = \"y\"", "filename = { value = \"y\" },"},
+    };
+    for (const auto& c : cases) {
+        const std::string text = "simulation_scheme = { blocks = { { __name = \"s\", __type = \"" +
+                                 std::string(kSubsystem) + "\", __parameters = { " + c.parameter + " }, " + c.key +
+                                 " } }, io = { inputWires = {}, inputPorts = {}, outputWires = {}, outputPorts = {} }, connections = {} }";
+        std::string saved;
+        testutil::saveAndReload(text, &saved);
+        EXPECT_NE(saved.find(c.expect), std::string::npos) << text << "\n" << saved;
+    }
+}
+
 // ---- Bad files
 
 TEST(SubsystemBlock, MissingOrSelfIncludingFilesAreClearErrors) {

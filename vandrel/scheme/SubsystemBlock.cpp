@@ -224,8 +224,10 @@ void wBlockSubsystemDescriptor::serialize(wBlockSerializer& s) {
         loader->setString("template_scheme", getTemplateScheme());
         return;
     }
+    // An empty template_scheme names no file, as an unset filename parameter does: it must
+    // not turn that parameter into a set empty string, or a saved file would not reload alike.
     zo::string name;
-    if (loader->tryGetString("template_scheme", &name)) setTemplateScheme(name);
+    if (loader->tryGetString("template_scheme", &name) && !name.empty()) setTemplateScheme(name);
     readDirectory_ = s.getDirectory();
     loadNested_(&s);
 }
