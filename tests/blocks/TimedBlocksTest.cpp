@@ -326,6 +326,13 @@ TEST(Multiplexer, RoutesEachValueByTheSelectWireAtArrival) {
     EXPECT_EQ(testutil::messageOf([&] { m.setLeadType(LEAD_OBJECT_PTR); }), "Multiplexor mux: invalid type 5");
     m.setLeadType(LEAD_BOOL);
     EXPECT_EQ(m.getOutputPorts()[1], (wLeadDescription{"right", LEAD_BOOL}));
+
+    // Without "outputs", the default outputs take the block's type, and save so.
+    SchemeText bare;
+    bare.block("mux", "wBlockMultiplexDescriptor", params({{"type", "1"}}));
+    auto defaults = testutil::saveAndReload(bare.text());
+    EXPECT_EQ(defaults->getBlockByName("mux")->getOutputPorts(),
+              (wLeadList{{"output1", LEAD_BOOL}, {"output2", LEAD_BOOL}}));
 }
 
 TEST(Oscilloscope, RecordsEveryInputFlattenedAndKeepsTheLatestSamples) {

@@ -48,11 +48,13 @@ void wBlockMultiplexDescriptor::serialize(wBlockSerializer& s) {
         return;
     }
     checkType_(type.get());
-    // A block entry without "outputs" keeps the default outputs.
+    // A block entry without "outputs" keeps the default outputs, of the block's type.
     if (loader->hasEntry("outputs")) {
         wLeadList outputs = loadLeadList(*loader, "outputs");
         checkOutputs_(outputs);
         outputs_ = std::move(outputs);
+    } else {
+        for (wLeadDescription& lead : outputs_) lead.type = static_cast<eLeadType>(type.get());
     }
 }
 
