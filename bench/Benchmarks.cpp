@@ -56,7 +56,7 @@ std::unique_ptr<wSimulationSystemScheme> loadLags(int n) {
 void BM_Lags(benchmark::State& state) {
     const int n = static_cast<int>(state.range(0));
     auto scheme = loadLags(n);
-    auto system = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> system(scheme->instantiate());
     double t = 0;
     t += system->simulate(t);
     for (auto _ : state) {
@@ -101,7 +101,7 @@ void BM_Events(benchmark::State& state) {
     long long events = 0;
     for (auto _ : state) {
         state.PauseTiming();
-        auto system = scheme.instantiate();
+        std::unique_ptr<wSimulationSystem> system(scheme.instantiate());
         state.ResumeTiming();
         system->simulate(span);
         events += bench::eventsIn(n, span);
@@ -120,7 +120,7 @@ void BM_LoadInstantiate(benchmark::State& state) {
     for (auto _ : state) {
         wSimulationSystemScheme scheme;
         scheme.loadForRuntime(file);
-        auto system = scheme.instantiate();
+        std::unique_ptr<wSimulationSystem> system(scheme.instantiate());
         benchmark::DoNotOptimize(system.get());
     }
     state.counters["blocks"] = 2.0 * n + 1;
@@ -148,7 +148,7 @@ void BM_Memory(benchmark::State& state) {
         gBytes = 0;
         gAllocations = 0;
         gCounting = true;
-        auto system = scheme->instantiate();
+        std::unique_ptr<wSimulationSystem> system(scheme->instantiate());
         gCounting = false;
         benchmark::DoNotOptimize(system.get());
     }

@@ -70,7 +70,7 @@ LuaFixture loadScript(const std::string& tag, const char* script) {
     LuaFixture f;
     f.scheme = std::make_unique<wSimulationSystemScheme>();
     f.scheme->loadForRuntime(bench::writeTemp("vandrel-bench-lua-" + tag + ".lua", scheme));
-    f.system = f.scheme->instantiate();
+    f.system.reset(f.scheme->instantiate());
     f.system->setInput<double>("setpoint", 1.0);
     f.system->setInput<double>("level", 0.4);
     f.block = dynamic_cast<wSimulationBlockDisc*>(f.system->getBlock(0));

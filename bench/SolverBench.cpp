@@ -29,7 +29,7 @@ void BM_SolverLags(benchmark::State& state, const char* solverTable) {
     const std::string file = bench::writeTemp("vandrel-bench-solver-lags.lua", lagsWith(n, solverTable));
     wSimulationSystemScheme scheme;
     scheme.loadForRuntime(file);
-    auto system = scheme.instantiate();
+    std::unique_ptr<wSimulationSystem> system(scheme.instantiate());
     double t = 0;
     t += system->simulate(t);
     const long long steps0 = system->getSolver()->getStepCount();
@@ -55,7 +55,7 @@ public:
         return s;
     }
     static const zo::string& getBlockTypeNameS() { return getBlockClassNameS(); }
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader*) const override;
+    wSimulationBlockStateless* create(Lua::Loader*) const override;
 
 protected:
     const wLeadList& getInputWires_() const override {
@@ -82,8 +82,8 @@ private:
     int in_, out_;
 };
 
-std::unique_ptr<wSimulationBlockStateless> GravityDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<Gravity>(this);
+wSimulationBlockStateless* GravityDescriptor::create(Lua::Loader*) const {
+    return new Gravity(this);
 }
 
 // Due every `period` seconds: makes each simulate call integrate exactly one orbit.
@@ -94,7 +94,7 @@ public:
         return s;
     }
     static const zo::string& getBlockTypeNameS() { return getBlockClassNameS(); }
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader*, wSimulationSystem* s) const override;
+    wSimulationBlockDisc* create(Lua::Loader*, wSimulationSystem* s) const override;
     double period = 2 * std::numbers::pi;
 };
 
@@ -107,8 +107,8 @@ private:
     double period_;
 };
 
-std::unique_ptr<wSimulationBlockDisc> OrbitMarkDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
-    return std::make_unique<OrbitMark>(this, s);
+wSimulationBlockDisc* OrbitMarkDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
+    return new OrbitMark(this, s);
 }
 
 constexpr double kEccentricity = 0.8;
@@ -137,7 +137,7 @@ OrbitResult orbit(std::unique_ptr<wOdeSolverDescriptor> solver) {
     scheme.addConnection({&scheme.getIOBlock(), pos, "zero", "output.initial", false});
     scheme.setOdeSolverDescriptor(std::move(solver));
     scheme.analyse();
-    auto system = scheme.instantiate();
+    std::unique_ptr<wSimulationSystem> system(scheme.instantiate());
 
     const double e = kEccentricity;
     const Vec3d r0{1 - e, 0, 0}, v0{0, std::sqrt((1 + e) / (1 - e)), 0};

@@ -88,7 +88,7 @@ void BM_SubsystemLags(benchmark::State& state) {
     }
     wSimulationSystemScheme scheme;
     scheme.loadForRuntime(file);
-    auto system = scheme.instantiate();
+    std::unique_ptr<wSimulationSystem> system(scheme.instantiate());
     double t = 0;
     t += system->simulate(t);
     for (auto _ : state) t += system->simulate(t);

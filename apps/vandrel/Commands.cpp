@@ -69,7 +69,7 @@ void applyResourceLimits(double maxBlockMib, double maxSchemeMib) {
 
 int checkCommand(const std::string& file, const std::string& overrides) {
     auto scheme = loadSchemeForRun(file, overrides);
-    auto system = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> system(scheme->instantiate());
     std::cout << "OK: " << file << ": " << scheme->getBlocksCount() << " blocks ("
               << scheme->getStatelessBlocksCount() << " stateless, " << scheme->getDiffBlocksCount()
               << " continuous, " << scheme->getDiscreteBlocksCount() << " discrete), "
@@ -82,7 +82,7 @@ int blocksCommand(bool verbose) {
     for (const auto& [key, description] : wSimulationBlockFactory::instance()->getKeysDescriptions()) {
         std::cout << key << "  —  " << description << "\n";
         if (!verbose) continue;
-        auto d = wSimulationBlockFactory::instance()->generate(key);
+        std::unique_ptr<wSimulationBlockDescriptor> d(wSimulationBlockFactory::instance()->generate(key));
         printLeads("input wires", d->getInputWires());
         printLeads("output wires", d->getOutputWires());
         printLeads("input ports", d->getInputPorts());

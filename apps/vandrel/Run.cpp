@@ -18,6 +18,7 @@
 #include <fstream>
 #include <iostream>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <utility>
 
@@ -152,7 +153,7 @@ int runCommand(const RunOptions& o) {
                              doubleToString(value) + ")"};
     if (!o.plot.empty()) checkPlotFile(o.plot);  // refuse a plot that cannot be drawn before running
     auto scheme = loadSchemeForRun(o.scheme, o.overrides);
-    auto system = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> system(scheme->instantiate());
     unsigned char* data = system->getDataPtr();
     const auto inputs = schemeInputs(*scheme);
     const auto outputs = schemeOutputs(*scheme);

@@ -5,6 +5,7 @@
 //   vandrel_host SCHEME OUTPUT
 #include <cstdio>
 #include <exception>
+#include <memory>
 
 #include "vandrel/vandrel.h"
 
@@ -16,7 +17,8 @@ int main(int argc, char** argv) {
     try {
         wSimulationSystemScheme scheme;
         scheme.loadForRuntime(argv[1]);
-        auto system = scheme.instantiate();
+        // instantiate() hands over a new system: ours to delete, before the scheme goes.
+        std::unique_ptr<wSimulationSystem> system(scheme.instantiate());
 
         double t = 0.0, nextPrint = 1.0;
         while (t < 10.0) {

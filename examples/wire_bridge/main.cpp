@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -38,8 +39,8 @@ int main(int argc, char** argv) {
         wSimulationSystemScheme plantScheme, monitorScheme;
         plantScheme.loadForRuntime(argv[1]);
         monitorScheme.loadForRuntime(argv[2]);
-        auto plant = plantScheme.instantiate();
-        auto monitor = monitorScheme.instantiate();
+        std::unique_ptr<wSimulationSystem> plant(plantScheme.instantiate());
+        std::unique_ptr<wSimulationSystem> monitor(monitorScheme.instantiate());
         auto& tx = streamPort(*plant, "tx");
         auto& rx = streamPort(*monitor, "rx");
 

@@ -63,7 +63,7 @@ struct ScriptScheme {
     }
     wSimulationSystem& instantiate() {
         if (!scheme) load();
-        system = scheme->instantiate();
+        system.reset(scheme->instantiate());
         return *system;
     }
     std::string path(const std::string& name) const { return (dir / name).string(); }
@@ -373,8 +373,8 @@ end
     ScriptScheme r(oneBlockScheme(e), {{"s.lua", script}});
     r.load();
     // Two systems of one scheme: two blocks of one descriptor, one Lua state.
-    auto first = r.scheme->instantiate();
-    auto second = r.scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> first(r.scheme->instantiate());
+    std::unique_ptr<wSimulationSystem> second(r.scheme->instantiate());
     first->setInput<int>("seed", 1);
     second->setInput<int>("seed", 2);
     double T = 0.0;
@@ -391,7 +391,7 @@ TEST(LuaBlock, ClonesShareTheStateUntilReloadedAndKeepItAlive) {
     e.outputs = {{"y", LEAD_INT}};
     ScriptScheme r(oneBlockScheme(e), {{"s.lua", "function init() end function run(t) outputs.y(7) return 1 end"}});
     r.load();
-    auto copy = r.scheme->clone();
+    std::unique_ptr<wSimulationSystemScheme> copy(r.scheme->clone());
     auto* original = dynamic_cast<wBlockLuaDescriptor*>(r.scheme->getBlockByName("b"));
     auto* cloned = dynamic_cast<wBlockLuaDescriptor*>(copy->getBlockByName("b"));
     ASSERT_TRUE(original && cloned);
@@ -400,7 +400,7 @@ TEST(LuaBlock, ClonesShareTheStateUntilReloadedAndKeepItAlive) {
 
     // The clone's state outlives the scheme it came from.
     r.scheme.reset();
-    auto sys = copy->instantiate();
+    std::unique_ptr<wSimulationSystem> sys(copy->instantiate());
     sys->simulate(0.0);
     EXPECT_EQ(sys->getOutput<int>("y"), 7);
 
@@ -411,7 +411,7 @@ TEST(LuaBlock, ClonesShareTheStateUntilReloadedAndKeepItAlive) {
     EXPECT_NE(cloned->getLuaState_(), before);
     sys->simulate(1.0);
     EXPECT_EQ(sys->getOutput<int>("y"), 7);
-    auto fresh = copy->instantiate();
+    std::unique_ptr<wSimulationSystem> fresh(copy->instantiate());
     fresh->simulate(0.0);
     EXPECT_EQ(fresh->getOutput<int>("y"), 8);
 }
@@ -437,8 +437,8 @@ end
 )";
     ScriptScheme r(oneBlockScheme(e), {{"s.lua", script}});
     r.load();
-    auto first = r.scheme->instantiate();
-    auto second = r.scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> first(r.scheme->instantiate());
+    std::unique_ptr<wSimulationSystem> second(r.scheme->instantiate());
     first.reset();  // the kept closures' block is gone
     lua_State* L = dynamic_cast<wBlockLuaDescriptor*>(r.scheme->getBlockByName("b"))->getLuaState_();
     for (int i = 1; i <= 3; ++i) {

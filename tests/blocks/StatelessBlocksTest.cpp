@@ -289,7 +289,7 @@ TEST(StatelessBlocks, ConstantsFromCreationAndFromOverrides) {
     list[0].getProxy()->fromString("1.5");
     d.setParameters(list);
     list[0].getProxy()->fromString("7");
-    auto copy = d.clone();
+    std::unique_ptr<wSimulationBlockDescriptor> copy(d.clone());
     d.getParametersList()[0].getProxy()->fromString("2.25");
     EXPECT_EQ(d.getParametersList()[0].getProxy()->toString(), "2.25");
     EXPECT_EQ(copy->getParametersList()[0].getProxy()->toString(), "1.5");

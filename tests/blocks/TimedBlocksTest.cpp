@@ -201,7 +201,7 @@ TEST(TimerBlocks, StateBlobContinuesBitIdenticallyAndSettingsReload) {
               "dt=0.125, enabled=1, delay_time=2.5; dt=0.5, delay_time=3 1.5 7; dt=0.25, delay_par=4.5");
 
     Running r(b.s.text());
-    auto copy = r.scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> copy(r.scheme->instantiate());
     for (wSimulationSystem* sys : {r.system.get(), copy.get()}) {
         sys->setInput<double>("inc.target", 1.7);
         sys->setInput<bool>("flag.signal", true);

@@ -465,7 +465,7 @@ TEST(WireSerialization, ListsSurviveSaveAndReload) {
     EXPECT_NE(saved.find("wires"), std::string::npos);
     EXPECT_NE(saved.find("leads"), std::string::npos);
     // A clone keeps its list.
-    auto copy = ser->clone();
+    std::unique_ptr<wSimulationBlockDescriptor> copy(ser->clone());
     EXPECT_EQ(copy->getInputWires(), expected);
 }
 

@@ -25,7 +25,7 @@ public:
         return s;
     }
     static const zo::string& getBlockTypeNameS() { return getBlockClassNameS(); }
-    std::unique_ptr<wSimulationBlockDiff> create(Lua::Loader*) const override { return std::make_unique<Block>(this); }
+    wSimulationBlockDiff* create(Lua::Loader*) const override { return new Block(this); }
 
 protected:
     const wLeadList& getInputWires_() const override {
@@ -97,7 +97,7 @@ TEST(BlockParameter, ReferencesEditTheStoredValueCopiesDoNot) {
     refCopy.getProxy()->setUndefined(true);
     EXPECT_EQ(stored.get(), 5);
     EXPECT_TRUE(stored.isUndefined());
-    auto own = ref.getProxy()->clone(true);  // a forced copy carries the flags
+    std::unique_ptr<wBlockParameterProxyBase> own(ref.getProxy()->clone(true));  // a forced copy carries the flags
     EXPECT_TRUE(own->isUndefined());
     own->fromString("6");
     wBlockParameterProxy<double> member = stored;  // descriptor members copy by value
@@ -172,7 +172,7 @@ TEST(LeadTypes, SlotSizesPortsAndOutputArrays) {
     for (int t = 0; t < kLeadTypeCount; ++t) {
         const auto type = static_cast<eLeadType>(t);
         EXPECT_EQ(leadTypeSize(type), sizes[t]) << leadTypeNames[t];
-        EXPECT_EQ(leadCreator(type).createInputPort()->getType(), type);
+        EXPECT_EQ(std::unique_ptr<wInputPortBase>(leadCreator(type).createInputPort())->getType(), type);
         if (type != LEAD_OBJECT_PTR) leads.push_back({"o" + std::to_string(t), type});
     }
     // More leads than fit inline, in list order.
@@ -184,13 +184,13 @@ TEST(LeadTypes, SlotSizesPortsAndOutputArrays) {
     EXPECT_EQ(messageOf([&] { wOutputPortArray refused(leads); }), "Cannot create output port of type wWireObjectPtrBase");
 
     // A new quaternion port is all zeros, the fourth component included.
-    auto quat = leadCreator(LEAD_QUATERNION).createInputPort();
+    std::unique_ptr<wInputPortBase> quat(leadCreator(LEAD_QUATERNION).createInputPort());
     unsigned char bytes[32];
     std::memset(bytes, 0xAB, sizeof bytes);
     ASSERT_TRUE(quat->getValueToPtr(bytes));
     for (unsigned char b : bytes) EXPECT_EQ(b, 0);
     // Object pointers: an input of unknown object type that cannot be fanned out.
-    auto obj = leadCreator(LEAD_OBJECT_PTR).createInputPort();
+    std::unique_ptr<wInputPortBase> obj(leadCreator(LEAD_OBJECT_PTR).createInputPort());
     EXPECT_NE(dynamic_cast<wInputPortObjPtrUnknown*>(obj.get()), nullptr);
     EXPECT_EQ(obj->createProxyPort(), nullptr);
 }
@@ -228,7 +228,7 @@ TEST(Ports, DeliveryOrderFanOutAndTypes) {
     EXPECT_TRUE(flag.getValue());
 
     // A fan-out as the system builds it: the first consumer behind a proxy, then others.
-    std::unique_ptr<wProxyPortBase> proxy = a.createProxyPort();
+    std::unique_ptr<wProxyPortBase> proxy(a.createProxyPort());
     proxy->getOutputPort()->connect(&a);
     proxy->getOutputPort()->connect(&b);
     proxy->getOutputPort()->connect(&c);
@@ -264,7 +264,7 @@ TEST(Ports, ObjectPointerPorts) {
     EXPECT_EQ(keeper.getValue(), &stream);
     EXPECT_EQ(sink.got, std::vector<Mail::Stream*>{&stream});
 
-    auto proxy = keeper.createProxyPort();
+    std::unique_ptr<wProxyPortBase> proxy(keeper.createProxyPort());
     proxy->getOutputPort()->connect(&keeper);
     proxy->getOutputPort()->connect(&second);
     dynamic_cast<wInputPortObjPtrBase<Mail::Stream>&>(*proxy->getInputPort()).setValue(&other);
@@ -296,7 +296,7 @@ TEST(BlockDescriptor, LeadsMessagesOffsetsAndDump) {
     const int in[] = {0, 9, 17, 999}, out[] = {43, 52};
     d.setInputWireOffsets(in);
     d.setOutputWireOffsets(out);
-    auto copy = d.clone();
+    std::unique_ptr<wSimulationBlockDescriptor> copy(d.clone());
     const int moved[] = {100, 101, 102};
     d.setInputWireOffsets(moved);
     EXPECT_EQ(copy->getName(), "integ");
@@ -306,7 +306,7 @@ TEST(BlockDescriptor, LeadsMessagesOffsetsAndDump) {
     // resetState copies each X.initial slot into its state slot, unaligned as they are.
     unsigned char data[80], before[80];
     for (int i = 0; i < 80; ++i) data[i] = before[i] = static_cast<unsigned char>(i);
-    static_cast<const DiffDescriptor&>(*copy).create(nullptr)->resetState(data);
+    std::unique_ptr<wSimulationBlockDiff>(static_cast<const DiffDescriptor&>(*copy).create(nullptr))->resetState(data);
     for (int i = 0; i < 80; ++i) {
         const int expected = i >= 43 && i < 51 ? before[i - 43 + 9] : i >= 52 && i < 76 ? before[i - 52 + 17] : before[i];
         EXPECT_EQ(data[i], expected) << i;

@@ -71,7 +71,7 @@ TEST(ResourceLimits, HostsSetTheLimitsForBlocksAndForTheWholeScheme) {
     setResourceLimits({1u << 20, 1u << 20});
     wSimulationSystemScheme scheme;
     scheme.loadForRuntime(file);
-    EXPECT_NE(scheme.instantiate(), nullptr);
+    EXPECT_NE(std::unique_ptr<wSimulationSystem>(scheme.instantiate()), nullptr);
     EXPECT_EQ(getResourceLimits().maxBlockBytes, 1u << 20);
 }
 

@@ -94,7 +94,7 @@ public:
         return s;
     }
     static const zo::string& getBlockTypeNameS() { return getBlockClassNameS(); }
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader*) const override;
+    wSimulationBlockStateless* create(Lua::Loader*) const override;
     double k = 1.0;
 
 protected:
@@ -115,8 +115,8 @@ private:
     const QuietGainDescriptor* d_;
 };
 
-std::unique_ptr<wSimulationBlockStateless> QuietGainDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<QuietGain>(this);
+wSimulationBlockStateless* QuietGainDescriptor::create(Lua::Loader*) const {
+    return new QuietGain(this);
 }
 
 // Samples its input every dt seconds; registers its sample as state.
@@ -127,7 +127,7 @@ public:
         return s;
     }
     static const zo::string& getBlockTypeNameS() { return getBlockClassNameS(); }
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader*, wSimulationSystem* s) const override;
+    wSimulationBlockDisc* create(Lua::Loader*, wSimulationSystem* s) const override;
     double dt = 0.1;
 
 protected:
@@ -151,8 +151,8 @@ private:
     double last_ = 0;  // last sample
 };
 
-std::unique_ptr<wSimulationBlockDisc> QuietSamplerDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
-    return std::make_unique<QuietSampler>(this, s);
+wSimulationBlockDisc* QuietSamplerDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
+    return new QuietSampler(this, s);
 }
 
 }  // namespace
@@ -243,8 +243,8 @@ TEST(RuntimeNoAlloc, SimulateThroughSubsystemsAllocatesNothing) {
     wSimulationSystemScheme lagScheme, twiceScheme;
     lagScheme.loadForRuntime(dir + "lag_outer.lua");
     twiceScheme.loadForRuntime(dir + "twice.lua");
-    auto lag = lagScheme.instantiate();
-    auto twice = twiceScheme.instantiate();
+    std::unique_ptr<wSimulationSystem> lag(lagScheme.instantiate());
+    std::unique_ptr<wSimulationSystem> twice(twiceScheme.instantiate());
     auto* reset = dynamic_cast<wInputPort<bool>*>(lag->getInputPort("reset"));
     ASSERT_NE(reset, nullptr);
     double T = lag->simulate(0.0);

@@ -35,9 +35,9 @@ public:
         return s;
     }
     static const zo::string& getBlockTypeNameS() { return getBlockClassNameS(); }
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader*, wSimulationSystem* s) const override {
+    wSimulationBlockDisc* create(Lua::Loader*, wSimulationSystem* s) const override {
         if (fail) throw wSimulationException("TestSilent cannot run");
-        return std::make_unique<Silent>(this, s);
+        return new Silent(this, s);
     }
     bool fail = false;
 };
@@ -196,7 +196,7 @@ TEST(RuntimeSystem, StateBlobConcatenatesBlockBlobsInDiscreteOrder) {
     // A discrete block without registered state makes the whole scheme unsaveable.
     b.add<SilentDescriptor>("quiet");
     b.scheme.analyse();
-    auto unsaveable = b.scheme.instantiate();
+    std::unique_ptr<wSimulationSystem> unsaveable(b.scheme.instantiate());
     EXPECT_EQ(unsaveable->getSchemeStateDataSize(), -1);
     zo::vector<unsigned char> untouched{7, 7};
     EXPECT_FALSE(unsaveable->getSchemeStateData(&untouched));
@@ -335,7 +335,7 @@ TEST(RuntimeSystem, TheDataAreaIsTheHostsOrZeroedAndAlwaysFreed) {
     b.scheme.analyse();
     unsigned char* area = wSimulationSystem::allocateData(b.scheme.getMemorySize());
     for (int i = 0; i < b.scheme.getMemorySize(); ++i) EXPECT_EQ(area[i], 0);
-    auto sys = b.scheme.instantiate(nullptr, area);
+    std::unique_ptr<wSimulationSystem> sys(b.scheme.instantiate(nullptr, area));
     EXPECT_EQ(sys->getDataPtr(), area);
     writeWire<double>(area, sys->getInputWireOffset("u"), 0.5);
     sys->simulate(0.0);
@@ -348,7 +348,7 @@ TEST(RuntimeSystem, TheDataAreaIsTheHostsOrZeroedAndAlwaysFreed) {
     ASSERT_GT(b.scheme.getMemorySize(), 2000);
     const std::size_t before = mallinfo2().uordblks;
     for (int i = 0; i < 1000; ++i)
-        b.scheme.instantiate(nullptr, i % 2 ? wSimulationSystem::allocateData(b.scheme.getMemorySize()) : nullptr);
+        delete b.scheme.instantiate(nullptr, i % 2 ? wSimulationSystem::allocateData(b.scheme.getMemorySize()) : nullptr);
     EXPECT_LT(mallinfo2().uordblks, before + 100000);
 }
 

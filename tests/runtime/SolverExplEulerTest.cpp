@@ -179,7 +179,7 @@ TEST(RuntimeEuler, DescriptorParametersCloneAndRegistration) {
     params[0].getProxy()->fromString("0.125");  // the list refers to the descriptor
     EXPECT_EQ(d.getH(), 0.125);
 
-    auto copy = d.clone();
+    std::unique_ptr<wOdeSolverDescriptor> copy(d.clone());
     d.setH(0.5);
     EXPECT_EQ(static_cast<wSolverExplEulerDescriptor&>(*copy).getH(), 0.125);
 
@@ -187,18 +187,18 @@ TEST(RuntimeEuler, DescriptorParametersCloneAndRegistration) {
     auto kinds = f->getKeysDescriptions();
     ASSERT_FALSE(kinds.empty());
     EXPECT_EQ(kinds[0], std::make_pair(zo::string("wSolverExplEulerDescriptor"), zo::string("Explicit Euler")));
-    auto made = f->generate("wSolverExplEulerDescriptor");
+    std::unique_ptr<wOdeSolverDescriptor> made(f->generate("wSolverExplEulerDescriptor"));
     ASSERT_NE(dynamic_cast<wSolverExplEulerDescriptor*>(made.get()), nullptr);
     EXPECT_EQ(testutil::messageOf([&] { f->generate("wSolverRK4"); }), "Unknown ODE solver type: wSolverRK4");
 
     // A second registration under a known name changes nothing.
     EXPECT_EQ(testutil::messageOf([&] {
                   f->register_descriptor("wSolverExplEulerDescriptor",
-                                         [] { return std::unique_ptr<wOdeSolverDescriptor>(); }, "Other");
+                                         []() -> wOdeSolverDescriptor* { return nullptr; }, "Other");
               }),
               "Duplicated ODE solver type: wSolverExplEulerDescriptor");
     EXPECT_EQ(f->getKeysDescriptions(), kinds);
-    EXPECT_NE(f->generate("wSolverExplEulerDescriptor"), nullptr);
+    EXPECT_NE(std::unique_ptr<wOdeSolverDescriptor>(f->generate("wSolverExplEulerDescriptor")), nullptr);
 }
 
 TEST(RuntimeEuler, SolverTableRoundTripsThroughTheLoader) {

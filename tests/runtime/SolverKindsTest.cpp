@@ -43,7 +43,7 @@ TEST(SolverKinds, AreRegisteredAfterExplicitEulerInThisOrder) {
     ASSERT_GE(listed.size(), expected.size());
     for (std::size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(listed[i], expected[i]) << i;
     for (const auto& k : solvers::kinds())
-        EXPECT_EQ(wOdeSolversFactory::instance()->generate(k.typeName)->getTypeName(), k.typeName);
+        EXPECT_EQ(std::unique_ptr<wOdeSolverDescriptor>(wOdeSolversFactory::instance()->generate(k.typeName))->getTypeName(), k.typeName);
 }
 
 TEST(SolverKinds, TablesRoundTripThroughSchemeFilesWithDefaultsFilledIn) {
@@ -74,7 +74,7 @@ TEST(SolverKinds, TablesRoundTripThroughSchemeFilesWithDefaultsFilledIn) {
         // Every value is written out, defaults included, so the file says what runs.
         for (const auto& p : d->getParametersList()) EXPECT_THAT(saved, HasSubstr(std::string(p.getName()) + " = "));
         // The copy of a scheme keeps the kind and the values.
-        auto copy = d->clone();
+        std::unique_ptr<wOdeSolverDescriptor> copy(d->clone());
         EXPECT_EQ(copy->getTypeName(), d->getTypeName());
         EXPECT_EQ(listOf(*copy), c.parameters);
     }
@@ -127,7 +127,7 @@ public:
         return s;
     }
     static const zo::string& getBlockTypeNameS() { return getBlockClassNameS(); }
-    std::unique_ptr<wSimulationBlockDiff> create(Lua::Loader*) const override;
+    wSimulationBlockDiff* create(Lua::Loader*) const override;
 
 protected:
     const wLeadList& getInputWires_() const override {
@@ -153,8 +153,8 @@ private:
     const FailingIntegratorDescriptor* d_;
 };
 
-std::unique_ptr<wSimulationBlockDiff> FailingIntegratorDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<FailingIntegrator>(this);
+wSimulationBlockDiff* FailingIntegratorDescriptor::create(Lua::Loader*) const {
+    return new FailingIntegrator(this);
 }
 
 class SolverFailures : public ::testing::TestWithParam<solvers::Kind> {};

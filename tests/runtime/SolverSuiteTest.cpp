@@ -274,7 +274,7 @@ double runUntil(wSimulationSystem& sys, double end) {
 TEST(SolverExamples, StiffOvenCrossesAnHourInFewCvodeSteps) {
     auto scheme = loadExample("stiff_thermal.lua");
     ASSERT_EQ(scheme->getOdeSolverDescriptor()->getTypeName(), "wSolverCvodeDescriptor");
-    auto sys = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> sys(scheme->instantiate());
     EXPECT_NEAR(runUntil(*sys, 3600), 3600, 1e-9);
     EXPECT_LT(sys->getSolver()->getStepCount(), 400);
     const double element = sys->getOutput<double>("element"), load = sys->getOutput<double>("load"),
@@ -283,7 +283,7 @@ TEST(SolverExamples, StiffOvenCrossesAnHourInFewCvodeSteps) {
     // The same scheme with a tightly controlled explicit method, which needs the small
     // steps that stability imposes.
     scheme->setOdeSolverDescriptor(solvers::make(solvers::kinds()[2], 60, 1e-10, 1e-10));
-    auto reference = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> reference(scheme->instantiate());
     runUntil(*reference, 3600);
     EXPECT_GT(reference->getSolver()->getStepCount(), 50 * sys->getSolver()->getStepCount());
     EXPECT_NEAR(element, reference->getOutput<double>("element"), 1e-3);
@@ -300,7 +300,7 @@ TEST(SolverExamples, ProjectileFollowsTheClosedFormOfLinearDrag) {
     // v' = g - k v: v = g/k + (v0 - g/k) e^-kt, x = x0 + g t / k + (v0 - g/k)(1 - e^-kt) / k.
     auto scheme = loadExample("projectile.lua");
     ASSERT_EQ(scheme->getOdeSolverDescriptor()->getTypeName(), "wSolverDopri5Descriptor");
-    auto sys = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> sys(scheme->instantiate());
     const double T = runUntil(*sys, 3.0);
     const double k = 0.05, decay = std::exp(-k * T);
     const Vec3d g{0, 0, -9.81}, v0{17.320508075688775, 10, 15}, x0{0, 0, 1.5};

@@ -75,7 +75,7 @@ TEST(Registration, BlockClassesAreListedInRegistrationOrder) {
 
 TEST(Registration, KeysSpellTemplateArgumentsAsInFiles) {
     auto* f = wSimulationBlockFactory::instance();
-    EXPECT_EQ(f->generate("wBlockSummatorDescriptor<double>")->getBlockTypeName(), "Sum (dbl)");
+    EXPECT_EQ(std::unique_ptr<wSimulationBlockDescriptor>(f->generate("wBlockSummatorDescriptor<double>"))->getBlockTypeName(), "Sum (dbl)");
     for (const char* wrong : {"wBlockSummatorDescriptor<Math::Vector<3,double>>", "wBlockI2ODescriptor<int, double>"}) {
         try {
             f->generate(wrong);

@@ -21,7 +21,7 @@ namespace {
 // its "dt" (if any) at 0.1 s so that it steps, and a solver when it is continuous.
 std::unique_ptr<wSimulationSystemScheme> schemeWith(const zo::string& key) {
     auto scheme = std::make_unique<wSimulationSystemScheme>();
-    std::unique_ptr<wSimulationBlockDescriptor> d = wSimulationBlockFactory::instance()->generate(key);
+    std::unique_ptr<wSimulationBlockDescriptor> d(wSimulationBlockFactory::instance()->generate(key));
     d->setName("b");
     for (auto& p : d->getParametersList())
         if (p.getName() == "dt" && p.getProxy()) p.getProxy()->fromString("0.1");
@@ -49,7 +49,7 @@ TEST(RestoreEveryBlock, BlobsOfFFBytesLeaveEveryBlockValid) {
         std::unique_ptr<wSimulationSystem> system;
         try {
             scheme = schemeWith(key);
-            system = scheme->instantiate();
+            system.reset(scheme->instantiate());
         } catch (const std::exception& e) {
             // A type that cannot run with its defaults alone has no blob to restore here.
             std::printf("    [ skipped  ] %s: %s\n", key.c_str(), e.what());

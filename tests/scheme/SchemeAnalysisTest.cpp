@@ -303,7 +303,7 @@ TEST(SchemeLayout, ListsAndOffsetsOfAMixedScheme) {
               std::vector<int>({40, 80, 84}));
 
     // A copy carries the analysis, except the continuous-state size.
-    auto copy = s.clone();
+    std::unique_ptr<wSimulationSystemScheme> copy(s.clone());
     EXPECT_EQ(copy->getBlockByName("A1")->getInputWireOffset(1), 32);
     EXPECT_EQ(copy->getIOBlock().getInputWireOffset(2), 84);
     EXPECT_EQ(copy->getDiscreteBlocksCount(), 3);

@@ -133,7 +133,7 @@ TEST(SubsystemBlock, LeadsAreTheNestedSchemesOwnLeadsInsideOutAndPortsReachInsid
     EXPECT_FALSE(block->isOfType(BLOCK_STATELESS) || block->isOfType(BLOCK_DIFF));
 
     auto scheme = loadRun(file);
-    auto system = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> system(scheme->instantiate());
     testutil::PortRecorder<bool> q;
     q.listen(*system, "q");
     system->setInput<double>("u", 1.25);
@@ -146,7 +146,7 @@ TEST(SubsystemBlock, LeadsAreTheNestedSchemesOwnLeadsInsideOutAndPortsReachInsid
 
 TEST(SubsystemBlock, OneFileUsedTwiceWithDifferentParametersFollowsTheHostsInputs) {
     auto scheme = loadRun(dataFile("twice.lua"));
-    auto system = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> system(scheme->instantiate());
     struct Step {
         double t, u, ya, yb;
     };
@@ -179,7 +179,7 @@ TEST(SubsystemBlock, IdleSubsystemRunsAgainWheneverWhatFeedsItChanges) {
     s.outputWire(before, "y", "before", LEAD_DOUBLE);
     s.outputWire(after, "y", "after", LEAD_DOUBLE);
     auto scheme = loadRun(testutil::writeFile(dir / "outer.lua", s.text()));
-    auto system = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> system(scheme->instantiate());
 
     double t = 0;
     for (int n = 0; n < 30; ++n) {
@@ -210,7 +210,7 @@ TEST(SubsystemBlock, IdleSubsystemFedByContinuousStateSamplesItEveryStep) {
     s.outputWire(x, "output", "x", LEAD_DOUBLE);
     s.outputWire(sub, "y", "y", LEAD_DOUBLE);
     auto scheme = loadRun(testutil::writeFile(dir / "outer.lua", s.text()));
-    auto system = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> system(scheme->instantiate());
 
     double t = 0, reached = 0;
     for (int n = 0; n < 10; ++n) {
@@ -245,7 +245,7 @@ TEST(SubsystemBlock, NestedLevelsGetTheirSlotsInTheTopLevelArea) {
     EXPECT_EQ(subsystem(*scheme, "a")->getScheme().getMemorySize(), 0);  // no area of its own
     EXPECT_FALSE(subsystem(*scheme, "a")->hasWireOffsets());
 
-    auto system = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> system(scheme->instantiate());
     system->setInput<double>("u", 4);
     system->simulate(0);
     const unsigned char* data = system->getDataPtr();
@@ -267,7 +267,7 @@ TEST(SubsystemBlock, ChainedSubsystemsShareTheSlotBetweenThem) {
     const int between = scheme->getBlockByName("first.sum")->getOutputWireOffset(0);
     EXPECT_EQ(scheme->getBlockByName("second.sum")->getInputWireOffset(0), between);
     EXPECT_EQ(scheme->getIOBlock().getInputWireOffset(0), scheme->getBlockByName("second.sum")->getOutputWireOffset(0));
-    auto system = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> system(scheme->instantiate());
     system->setInput<double>("u", 0.5);
     system->simulate(0);
     EXPECT_EQ(system->getOutput<double>("y"), 11.5);
@@ -299,7 +299,7 @@ TEST(SubsystemBlock, NestedContinuousStateStartsOnAMultipleOfEight) {
 
 TEST(SubsystemBlock, NestedContinuousSchemeRunsOnItsOwnSolverAndResetsReachIt) {
     auto scheme = loadRun(dataFile("lag_outer.lua"));
-    auto system = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> system(scheme->instantiate());
     auto* reset = static_cast<wInputPort<bool>*>(system->getInputPort("reset"));
     system->setInput<double>("u", 1);
 
@@ -323,7 +323,7 @@ TEST(SubsystemBlock, NestedContinuousSchemeRunsOnItsOwnSolverAndResetsReachIt) {
     EXPECT_NEAR(system->simulate(0), 0.1, 1e-12);
     EXPECT_NEAR(system->getOutput<double>("x"), 0.1, 1e-12);
     // Initial values reach the nested state too, without a reset trigger.
-    auto fresh = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> fresh(scheme->instantiate());
     fresh->setInput<double>("u", 1);
     fresh->applyInitialValues();
     EXPECT_EQ(fresh->getOutput<double>("x"), 3.0);
@@ -348,7 +348,7 @@ TEST(SubsystemBlock, StateBlobAndQueueTimeCarryTheNestedState) {
     s.outputWire(sub, "y", "y", LEAD_DOUBLE);
     auto scheme = loadRun(testutil::writeFile(dir / "outer.lua", s.text()));
 
-    auto first = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> first(scheme->instantiate());
     double t = 0;
     for (int n = 0; n < 6; ++n) t += first->simulate(t);
     // The timer's current value (8 bytes), first-update flag and active flag (1 each); the
@@ -359,7 +359,7 @@ TEST(SubsystemBlock, StateBlobAndQueueTimeCarryTheNestedState) {
     const double queueTime = first->getSchemeQueueTime();
     EXPECT_NEAR(queueTime, t, 1e-9);
 
-    auto second = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> second(scheme->instantiate());
     second->setSchemeStateData(&blob);
     second->setSchemeQueueTime(queueTime);
     for (int n = 0; n < 4; ++n) {
@@ -378,7 +378,7 @@ TEST(SubsystemBlock, OverridesReachNestedBlocksByPath) {
     Lua::Loader overrides;
     overrides.load(dataFile("open.overrides.lua"), "overrides");
     auto scheme = loadRun(dataFile("open.lua"), &overrides);
-    auto system = scheme->instantiate();
+    std::unique_ptr<wSimulationSystem> system(scheme->instantiate());
     system->setInput<double>("u", 1);
     system->simulate(0);
     EXPECT_EQ(system->getOutput<double>("y1"), 11.0);   // direct.c.k
@@ -396,7 +396,7 @@ TEST(SubsystemBlock, OverridesReachNestedBlocksByPath) {
     Lua::Loader ignored;
     ignored.loadString("overrides = { a = { c = { k = 99 } } }", "ignored", "overrides");
     auto twice = loadRun(dataFile("twice.lua"), &ignored);
-    auto run = twice->instantiate();
+    std::unique_ptr<wSimulationSystem> run(twice->instantiate());
     run->simulate(0);
     EXPECT_EQ(run->getOutput<double>("ya"), 1.5);
 }
@@ -470,7 +470,7 @@ TEST(SubsystemBlock, EditingLoadsTheNestedSchemeAndSavesTheBlockAsWritten) {
     EXPECT_EQ(names(a->getInputWires()), std::vector<std::string>{"u"});
 
     // A clone owns a copy of the nested scheme.
-    auto clone = scheme->clone();
+    std::unique_ptr<wSimulationSystemScheme> clone(scheme->clone());
     EXPECT_NE(clone->getBlockByName("a.inner.c"), nullptr);
     EXPECT_NE(clone->getBlockByName("a.inner.c"), scheme->getBlockByName("a.inner.c"));
 
@@ -569,7 +569,7 @@ TEST(SubsystemBlock, NestingIsLimitedToSixteenLevels) {
     std::string path = "next";
     for (int n = 1; n < wBlockSubsystemDescriptor::kMaxNestingDepth; ++n) path += ".next";
     EXPECT_NE(scheme->getBlockByName(path + ".c"), nullptr);
-    scheme->instantiate()->simulate(0);
+    std::unique_ptr<wSimulationSystem>(scheme->instantiate())->simulate(0);
 
     const std::string message =
         messageOf<wSimulationException>([&] { loadRun(writeChain(wBlockSubsystemDescriptor::kMaxNestingDepth + 1)); });

@@ -151,7 +151,7 @@ public:
     // Analyses the scheme and builds a system from it.
     std::unique_ptr<wSimulationSystem> run() {
         s_.analyse();
-        return s_.instantiate();
+        return std::unique_ptr<wSimulationSystem>(s_.instantiate());
     }
     wSimulationSystemScheme scheme;
 
@@ -232,7 +232,7 @@ struct Running {
         file = writeFile(freshDir() / "scheme.lua", text);
         scheme = std::make_unique<wSimulationSystemScheme>();
         scheme->loadForRuntime(file, overrides);
-        system = scheme->instantiate();
+        system.reset(scheme->instantiate());
     }
     wSimulationBlock* block(const std::string& name) const { return blockNamed(*system, name); }
     std::string file;

@@ -80,26 +80,26 @@ private:
 
 }  // namespace
 
-std::unique_ptr<wSimulationBlockStateless> GainDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<Function<GainDescriptor, gain>>(this);
+wSimulationBlockStateless* GainDescriptor::create(Lua::Loader*) const {
+    return new Function<GainDescriptor, gain>(this);
 }
-std::unique_ptr<wSimulationBlockStateless> AddDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<Function<AddDescriptor, sum>>(this);
+wSimulationBlockStateless* AddDescriptor::create(Lua::Loader*) const {
+    return new Function<AddDescriptor, sum>(this);
 }
-std::unique_ptr<wSimulationBlockStateless> TriggerDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<Trigger>(this);
+wSimulationBlockStateless* TriggerDescriptor::create(Lua::Loader*) const {
+    return new Trigger(this);
 }
-std::unique_ptr<wSimulationBlockDiff> IntegratorDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<Integrator>(this);
+wSimulationBlockDiff* IntegratorDescriptor::create(Lua::Loader*) const {
+    return new Integrator(this);
 }
-std::unique_ptr<wSimulationBlockDisc> CounterDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
-    return std::make_unique<Stepper<CounterDescriptor, int>>(this, s);
+wSimulationBlockDisc* CounterDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
+    return new Stepper<CounterDescriptor, int>(this, s);
 }
-std::unique_ptr<wSimulationBlockDisc> SamplerDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
-    return std::make_unique<Stepper<SamplerDescriptor, double>>(this, s);
+wSimulationBlockDisc* SamplerDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
+    return new Stepper<SamplerDescriptor, double>(this, s);
 }
-std::unique_ptr<wSimulationBlockDisc> VecSourceDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
-    return std::make_unique<Stepper<VecSourceDescriptor, Vec3d>>(this, s);
+wSimulationBlockDisc* VecSourceDescriptor::create(Lua::Loader*, wSimulationSystem* s) const {
+    return new Stepper<VecSourceDescriptor, Vec3d>(this, s);
 }
 
 void registerAll() {

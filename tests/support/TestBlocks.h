@@ -37,7 +37,7 @@ inline void clearTrace() { trace().clear(); }
             return s;                                                                       \
         }                                                                                   \
         static const zo::string& getBlockTypeNameS() { return getBlockClassNameS(); }      \
-        std::unique_ptr<Kind> create(Lua::Loader*, wSimulationSystem*) const override;
+        Kind* create(Lua::Loader*, wSimulationSystem*) const override;
 
 #define TEST_LEADS(getter, ...)                      \
     const wLeadList& getter() const override {       \
@@ -77,7 +77,7 @@ protected:
             return s;                                                                       \
         }                                                                                   \
         static const zo::string& getBlockTypeNameS() { return getBlockClassNameS(); }      \
-        std::unique_ptr<Kind> create(Lua::Loader*) const override;
+        Kind* create(Lua::Loader*) const override;
 
 TEST_DESCRIPTOR(GainDescriptor, wSimulationBlockStatelessDescriptor, wSimulationBlockStateless, "TestGain")
     wParameterList getParametersList() override { return {parameterRef("k", k)}; }
@@ -121,7 +121,7 @@ public:
         : wDescriptorImpl(o), nested_(std::make_unique<wSimulationSystemScheme>(*o.nested_)) {}
     bool isOfType(weBlockType t) const override { return t == BLOCK_DISCRETE || t == BLOCK_SUBSYSTEM; }
     wSimulationSystemScheme* getNestedScheme() const override { return nested_.get(); }
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader*, wSimulationSystem*) const override {
+    wSimulationBlockDisc* create(Lua::Loader*, wSimulationSystem*) const override {
         throw wSimulationException("TestNesting is not runnable");
     }
 

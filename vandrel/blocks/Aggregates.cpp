@@ -131,8 +131,8 @@ void wBlockSummatorDescriptor<T>::set(const zo::vector<zo::string>& names) {
 }
 
 template <class T>
-std::unique_ptr<wSimulationBlockStateless> wBlockSummatorDescriptor<T>::create(Lua::Loader*) const {
-    return std::make_unique<wBlockSummator<T>>(this);
+wSimulationBlockStateless* wBlockSummatorDescriptor<T>::create(Lua::Loader*) const {
+    return new wBlockSummator<T>(this);
 }
 
 // After the common keys: "inputs" = { [1] = { name = "input1", coeff = 1 }, ... }.
@@ -250,16 +250,16 @@ AGGREGATE_NAMES(wBlockMinValDescriptor, "wBlockMinValDescriptor", "MinVal")
 #undef AGGREGATE_NAMES
 
 template <class T>
-std::unique_ptr<wSimulationBlockStateless> wBlockAvgerageValDescriptor<T>::create(Lua::Loader*) const {
-    return std::make_unique<wBlockAvgVal<T>>(this);
+wSimulationBlockStateless* wBlockAvgerageValDescriptor<T>::create(Lua::Loader*) const {
+    return new wBlockAvgVal<T>(this);
 }
 template <class T>
-std::unique_ptr<wSimulationBlockStateless> wBlockMaxValDescriptor<T>::create(Lua::Loader*) const {
-    return std::make_unique<wBlockMaxVal<T>>(this);
+wSimulationBlockStateless* wBlockMaxValDescriptor<T>::create(Lua::Loader*) const {
+    return new wBlockMaxVal<T>(this);
 }
 template <class T>
-std::unique_ptr<wSimulationBlockStateless> wBlockMinValDescriptor<T>::create(Lua::Loader*) const {
-    return std::make_unique<wBlockMinVal<T>>(this);
+wSimulationBlockStateless* wBlockMinValDescriptor<T>::create(Lua::Loader*) const {
+    return new wBlockMinVal<T>(this);
 }
 
 template <class T>

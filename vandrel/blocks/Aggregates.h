@@ -57,7 +57,7 @@ public:
 
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
     void serialize(wBlockSerializer& s) override;
 
     // Replaces the inputs by one input per name, in order, each with coefficient 1.
@@ -128,7 +128,7 @@ class wBlockAvgerageValDescriptor
 public:
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
 };
 
 // Enables are bool wires.
@@ -138,7 +138,7 @@ class wBlockMaxValDescriptor
 public:
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
 };
 
 template <class T>
@@ -147,7 +147,7 @@ class wBlockMinValDescriptor
 public:
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
 };
 
 template <class T>

@@ -24,8 +24,8 @@ const zo::string& wBlockI2ODescriptor<In, Out>::getBlockTypeNameS() {
 }
 
 template <class In, class Out>
-std::unique_ptr<wSimulationBlockStateless> wBlockI2ODescriptor<In, Out>::create(Lua::Loader*) const {
-    return std::make_unique<wBlockI2O<In, Out>>(this);
+wSimulationBlockStateless* wBlockI2ODescriptor<In, Out>::create(Lua::Loader*) const {
+    return new wBlockI2O<In, Out>(this);
 }
 
 template <class In, class Out>
@@ -121,13 +121,13 @@ void wBlockConstantsDescriptor::setValueToLeadData_(const wBlockParameterContain
     }
 }
 
-std::unique_ptr<wSimulationBlockDisc> wBlockConstantsDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
+wSimulationBlockDisc* wBlockConstantsDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
     unsigned char* data = system ? system->getDataPtr() : nullptr;
     if (data) {
         for (std::size_t i = 0; i < values_.size(); ++i)
             setValueToLeadData_(values_[i], data + getOutputWireOffset(static_cast<int>(i)));
     }
-    return std::make_unique<wBlockConstants>(this, system);
+    return new wBlockConstants(this, system);
 }
 
 wParameterList wBlockConstantsDescriptor::getParametersList() {

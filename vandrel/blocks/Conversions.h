@@ -45,7 +45,7 @@ class wBlockI2ODescriptor
 public:
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
 
 protected:
     const wLeadList& getInputWires_() const override;
@@ -83,7 +83,7 @@ public:
     static const zo::string& getBlockTypeNameS();
 
     // Writes every value to its output wire in the system's data area, then makes the block.
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
+    wSimulationBlockDisc* create(Lua::Loader* loader, wSimulationSystem* system) const override;
     void serialize(wBlockSerializer& s) override;
     // References to the stored values.
     wParameterList getParametersList() override;

@@ -29,8 +29,8 @@ const zo::string& wBlockIntegratorDescriptor<Vec3d>::getBlockTypeNameS() {
 }
 
 template <class T>
-std::unique_ptr<wSimulationBlockDiff> wBlockIntegratorDescriptor<T>::create(Lua::Loader*) const {
-    return std::make_unique<wBlockIntegrator<T>>(this);
+wSimulationBlockDiff* wBlockIntegratorDescriptor<T>::create(Lua::Loader*) const {
+    return new wBlockIntegrator<T>(this);
 }
 
 template <class T>
@@ -67,10 +67,10 @@ const zo::string& wBlockRampDescriptor::getBlockTypeNameS() {
     return s;
 }
 
-std::unique_ptr<wSimulationBlockDisc> wBlockRampDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
+wSimulationBlockDisc* wBlockRampDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
     auto block = std::make_unique<wBlockRamp>(this, system);
     writeWire<double>(system->getDataPtr(), getOutputWireOffset(0), 0.0);
-    return block;
+    return block.release();
 }
 
 wParameterList wBlockRampDescriptor::getParametersList() {

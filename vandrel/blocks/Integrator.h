@@ -25,7 +25,7 @@ public:
     static const zo::string& getBlockClassNameS();  // "wBlockIntegratorDescriptor<double>" / "<Vec3d>"
     static const zo::string& getBlockTypeNameS();   // "I (dbl)" / "I (vec)"
 
-    std::unique_ptr<wSimulationBlockDiff> create(Lua::Loader* loader) const override;
+    wSimulationBlockDiff* create(Lua::Loader* loader) const override;
 
 protected:
     const wLeadList& getInputWires_() const override;   // "input" (T)
@@ -67,7 +67,7 @@ public:
     static const zo::string& getBlockTypeNameS();   // "Ramp block"
 
     // Writes 0.0 to the output wire at once: the ramp starts from zero.
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
+    wSimulationBlockDisc* create(Lua::Loader* loader, wSimulationSystem* system) const override;
     wParameterList getParametersList() override;  // "dt", "slope"
 
     wBlockParameterProxy<double> dt{0.0};     // update period (s), returned by every step

@@ -77,14 +77,14 @@ void wBlockLogicalMultiinputDescriptor::serialize(wBlockSerializer& s) {
     loader->endSubtable();
 }
 
-std::unique_ptr<wSimulationBlockStateless> wBlockANDDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<wBlockAND>(this);
+wSimulationBlockStateless* wBlockANDDescriptor::create(Lua::Loader*) const {
+    return new wBlockAND(this);
 }
-std::unique_ptr<wSimulationBlockStateless> wBlockORDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<wBlockOR>(this);
+wSimulationBlockStateless* wBlockORDescriptor::create(Lua::Loader*) const {
+    return new wBlockOR(this);
 }
-std::unique_ptr<wSimulationBlockStateless> wBlockNOTDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<wBlockNOT>(this);
+wSimulationBlockStateless* wBlockNOTDescriptor::create(Lua::Loader*) const {
+    return new wBlockNOT(this);
 }
 const wLeadList& wBlockNOTDescriptor::getInputWires_() const { return oneBoolInput(); }
 const wLeadList& wBlockNOTDescriptor::getOutputWires_() const { return boolOutputWire(); }
@@ -123,20 +123,20 @@ void wBlockNOT::update(double, unsigned char* data) {
 
 // ---- Trigger descriptors
 
-std::unique_ptr<wSimulationBlockStateless> wBlockANDtriggerDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<wBlockANDtrigger>(this);
+wSimulationBlockStateless* wBlockANDtriggerDescriptor::create(Lua::Loader*) const {
+    return new wBlockANDtrigger(this);
 }
 const wLeadList& wBlockANDtriggerDescriptor::getInputPorts_() const { return twoBoolInputPorts(); }
 const wLeadList& wBlockANDtriggerDescriptor::getOutputPorts_() const { return boolOutputPort(); }
 
-std::unique_ptr<wSimulationBlockStateless> wBlockORtriggerDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<wBlockORtrigger>(this);
+wSimulationBlockStateless* wBlockORtriggerDescriptor::create(Lua::Loader*) const {
+    return new wBlockORtrigger(this);
 }
 const wLeadList& wBlockORtriggerDescriptor::getInputPorts_() const { return twoBoolInputPorts(); }
 const wLeadList& wBlockORtriggerDescriptor::getOutputPorts_() const { return boolOutputPort(); }
 
-std::unique_ptr<wSimulationBlockStateless> wBlockNOTtriggerDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<wBlockNOTtrigger>(this);
+wSimulationBlockStateless* wBlockNOTtriggerDescriptor::create(Lua::Loader*) const {
+    return new wBlockNOTtrigger(this);
 }
 const wLeadList& wBlockNOTtriggerDescriptor::getInputPorts_() const { return oneBoolInput(); }
 const wLeadList& wBlockNOTtriggerDescriptor::getOutputPorts_() const { return boolOutputPort(); }

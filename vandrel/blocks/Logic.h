@@ -44,21 +44,21 @@ class wBlockANDDescriptor : public wDescriptorImpl<wBlockANDDescriptor, wBlockLo
 public:
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
 };
 
 class wBlockORDescriptor : public wDescriptorImpl<wBlockORDescriptor, wBlockLogicalMultiinputDescriptor> {
 public:
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
 };
 
 class wBlockNOTDescriptor : public wDescriptorImpl<wBlockNOTDescriptor, wSimulationBlockStatelessDescriptor> {
 public:
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
 
 protected:
     const wLeadList& getInputWires_() const override;
@@ -90,7 +90,7 @@ class wBlockANDtriggerDescriptor
 public:
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
 
 protected:
     const wLeadList& getInputPorts_() const override;
@@ -102,7 +102,7 @@ class wBlockORtriggerDescriptor
 public:
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
 
 protected:
     const wLeadList& getInputPorts_() const override;
@@ -114,7 +114,7 @@ class wBlockNOTtriggerDescriptor
 public:
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
 
 protected:
     const wLeadList& getInputPorts_() const override;

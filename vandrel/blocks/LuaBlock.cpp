@@ -209,7 +209,7 @@ void wBlockLuaDescriptor::loadScript_(const zo::basic_string<char>& directory) {
         throw wSimulationException("Cannot load " + path + ": " + error);
 }
 
-std::unique_ptr<wSimulationBlockDisc> wBlockLuaDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
+wSimulationBlockDisc* wBlockLuaDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
     if (!state_)
         throw wSimulationException("Lua block " + getName() +
                                    " has no script loaded: load the scheme for running before instantiating it");
@@ -219,7 +219,7 @@ std::unique_ptr<wSimulationBlockDisc> wBlockLuaDescriptor::create(Lua::Loader*, 
     auto block = std::make_unique<wBlockLua>(this, system);
     // On failure the block goes, detaching whatever the script has of it.
     block->start_();
-    return block;
+    return block.release();
 }
 
 // ---- Input port proxy

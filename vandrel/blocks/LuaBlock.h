@@ -59,7 +59,7 @@ public:
     // has no function on_<port>" for an input port without its function, and, as a
     // pointer to a new wSimulationException that the caller must delete, "Lua blocks
     // cannot have input ports of type ObjectPtr" (a scheme file cannot get this far).
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
+    wSimulationBlockDisc* create(Lua::Loader* loader, wSimulationSystem* system) const override;
 
     void setInputs(const wLeadList& leads) { inputs_ = leads; }
     void setOutputs(const wLeadList& leads) { outputs_ = leads; }

@@ -28,10 +28,10 @@ const zo::string& wBlockMultiplexDescriptor::getBlockTypeNameS() {
 
 wBlockMultiplexDescriptor::wBlockMultiplexDescriptor() : outputs_{{"output1", LEAD_DOUBLE}, {"output2", LEAD_DOUBLE}} {}
 
-std::unique_ptr<wSimulationBlockDisc> wBlockMultiplexDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
+wSimulationBlockDisc* wBlockMultiplexDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
     checkType_(type.get());
     checkOutputs_(outputs_);
-    return std::make_unique<wBlockMultiplex>(this, system);
+    return new wBlockMultiplex(this, system);
 }
 
 wParameterList wBlockMultiplexDescriptor::getParametersList() {

@@ -34,7 +34,7 @@ public:
     wBlockMultiplexDescriptor();
 
     // Throws "Multiplexor <name>: ..." when "type" is not a routable lead type.
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
+    wSimulationBlockDisc* create(Lua::Loader* loader, wSimulationSystem* system) const override;
     wParameterList getParametersList() override;  // "type"
     // The base entry, then "outputs"; reading checks the outputs against "type".
     void serialize(wBlockSerializer& s) override;

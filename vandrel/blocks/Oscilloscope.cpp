@@ -45,11 +45,10 @@ const zo::string& wBlockOscilloscopeDescriptor::getBlockTypeNameS() {
 
 wBlockOscilloscopeDescriptor::wBlockOscilloscopeDescriptor() : inputs_{{"input1", LEAD_DOUBLE}} {}
 
-std::unique_ptr<wSimulationBlockDisc> wBlockOscilloscopeDescriptor::create(Lua::Loader*,
-                                                                           wSimulationSystem* system) const {
+wSimulationBlockDisc* wBlockOscilloscopeDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
     checkParameters_();
     checkInputs_(inputs_);
-    return std::make_unique<wBlockOscilloscope>(this, system);
+    return new wBlockOscilloscope(this, system);
 }
 
 wParameterList wBlockOscilloscopeDescriptor::getParametersList() {

@@ -41,7 +41,7 @@ public:
     // "Oscilloscope <name>: \"capacity\" must be at least 1", and for more samples than fit
     // in 256 MiB "Oscilloscope <name>: \"capacity\" of <n> samples of <columns> columns
     // needs more than 256 MiB".
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
+    wSimulationBlockDisc* create(Lua::Loader* loader, wSimulationSystem* system) const override;
     wParameterList getParametersList() override;  // "dt", "capacity"
     // The base entry, then "inputs"; reading refuses inputs that cannot be recorded, and
     // a load for running refuses a "dt" or "capacity" that create would refuse.

@@ -17,9 +17,8 @@ const zo::string& wBlockDelayTriggerDescriptor::getBlockTypeNameS() {
     return s;
 }
 
-std::unique_ptr<wSimulationBlockDisc> wBlockDelayTriggerDescriptor::create(Lua::Loader*,
-                                                                           wSimulationSystem* system) const {
-    return std::make_unique<wBlockDelayTrigger>(this, system);
+wSimulationBlockDisc* wBlockDelayTriggerDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
+    return new wBlockDelayTrigger(this, system);
 }
 
 wParameterList wBlockDelayTriggerDescriptor::getParametersList() {
@@ -92,9 +91,8 @@ const zo::string& wBlockDelayTriggerMultipleDescriptor::getBlockTypeNameS() {
     return s;
 }
 
-std::unique_ptr<wSimulationBlockDisc> wBlockDelayTriggerMultipleDescriptor::create(Lua::Loader*,
-                                                                                   wSimulationSystem* system) const {
-    return std::make_unique<wBlockDelayTriggerMultiple>(this, system);
+wSimulationBlockDisc* wBlockDelayTriggerMultipleDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
+    return new wBlockDelayTriggerMultiple(this, system);
 }
 
 wParameterList wBlockDelayTriggerMultipleDescriptor::getParametersList() {
@@ -141,9 +139,8 @@ const zo::string& wBlockDelayTriggerWireDescriptor::getBlockTypeNameS() {
     return s;
 }
 
-std::unique_ptr<wSimulationBlockDisc> wBlockDelayTriggerWireDescriptor::create(Lua::Loader*,
-                                                                               wSimulationSystem* system) const {
-    return std::make_unique<wBlockDelayTriggerWire>(this, system);
+wSimulationBlockDisc* wBlockDelayTriggerWireDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
+    return new wBlockDelayTriggerWire(this, system);
 }
 
 wParameterList wBlockDelayTriggerWireDescriptor::getParametersList() {
@@ -180,11 +177,10 @@ const zo::string& wBlockGo2doubleOntimerDescriptor::getBlockTypeNameS() {
     return s;
 }
 
-std::unique_ptr<wSimulationBlockDisc> wBlockGo2doubleOntimerDescriptor::create(Lua::Loader*,
-                                                                               wSimulationSystem* system) const {
+wSimulationBlockDisc* wBlockGo2doubleOntimerDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
     auto block = std::make_unique<wBlockGo2doubleOntimer>(this, system);
     writeWire<double>(system->getDataPtr(), getOutputWireOffset(0), 0.0);
-    return block;
+    return block.release();
 }
 
 wParameterList wBlockGo2doubleOntimerDescriptor::getParametersList() {
@@ -264,11 +260,10 @@ const zo::string& wBlockFlagOnSignalTimerDescriptor::getBlockTypeNameS() {
     return s;
 }
 
-std::unique_ptr<wSimulationBlockDisc> wBlockFlagOnSignalTimerDescriptor::create(Lua::Loader*,
-                                                                                wSimulationSystem* system) const {
+wSimulationBlockDisc* wBlockFlagOnSignalTimerDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
     auto block = std::make_unique<wBlockFlagOnSignalTimer>(this, system);
     writeWire<bool>(system->getDataPtr(), getOutputWireOffset(0), false);
-    return block;
+    return block.release();
 }
 
 wParameterList wBlockFlagOnSignalTimerDescriptor::getParametersList() {

@@ -27,7 +27,7 @@ class wBlockDelayTriggerDescriptor
 public:
     static const zo::string& getBlockClassNameS();  // "wBlockDelayTriggerDescriptor"
     static const zo::string& getBlockTypeNameS();   // "Delay trigger"
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
+    wSimulationBlockDisc* create(Lua::Loader* loader, wSimulationSystem* system) const override;
     wParameterList getParametersList() override;  // "dt", "enabled", "delay_time"
 
     wBlockParameterProxy<double> dt{0.0};          // update period (s)
@@ -67,7 +67,7 @@ class wBlockDelayTriggerMultipleDescriptor
 public:
     static const zo::string& getBlockClassNameS();  // "wBlockDelayTriggerMultipleDescriptor"
     static const zo::string& getBlockTypeNameS();   // "Delay trigger multiple"
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
+    wSimulationBlockDisc* create(Lua::Loader* loader, wSimulationSystem* system) const override;
     wParameterList getParametersList() override;  // "dt", "delay_time"
 
     wBlockParameterProxy<double> dt{0.0};                   // update period (s)
@@ -98,7 +98,7 @@ class wBlockDelayTriggerWireDescriptor
 public:
     static const zo::string& getBlockClassNameS();  // "wBlockDelayTriggerWireDescriptor"
     static const zo::string& getBlockTypeNameS();   // "Delay trigger wire"
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
+    wSimulationBlockDisc* create(Lua::Loader* loader, wSimulationSystem* system) const override;
     wParameterList getParametersList() override;  // "dt", "delay_par"
 
     wBlockParameterProxy<double> dt{0.0};        // update period (s)
@@ -127,7 +127,7 @@ public:
     static const zo::string& getBlockClassNameS();  // "wBlockGo2doubleOntimerDescriptor"
     static const zo::string& getBlockTypeNameS();   // "IncTimer to Double"
     // Writes 0.0 to the output wire.
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
+    wSimulationBlockDisc* create(Lua::Loader* loader, wSimulationSystem* system) const override;
     // "dt", "K_t", "use_start_val", "start_val", "activate_by_port", "loop"
     wParameterList getParametersList() override;
 
@@ -168,7 +168,7 @@ public:
     static const zo::string& getBlockClassNameS();  // "wBlockFlagOnSignalTimerDescriptor"
     static const zo::string& getBlockTypeNameS();   // "Flag cont. signal by timer"
     // Writes false to the "timer_flag" wire.
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
+    wSimulationBlockDisc* create(Lua::Loader* loader, wSimulationSystem* system) const override;
     // "dt", "activation_check_delay", "flag_timer", "control_signal",
     // "activate_by_not_control_signal", "activate_by_port"
     wParameterList getParametersList() override;

@@ -40,24 +40,24 @@ wParameterList wVec3dMultipliersDescriptor::getParametersList() {
     return l;
 }
 
-std::unique_ptr<wSimulationBlockStateless> wDoubleToVec3dDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<wDoubleToVec3d>(this);
+wSimulationBlockStateless* wDoubleToVec3dDescriptor::create(Lua::Loader*) const {
+    return new wDoubleToVec3d(this);
 }
 const wLeadList& wDoubleToVec3dDescriptor::getInputWires_() const { return xyzWires(); }
 const wLeadList& wDoubleToVec3dDescriptor::getOutputWires_() const { return vecWire(); }
 
-std::unique_ptr<wSimulationBlockStateless> wVec3dToDoubleDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<wVec3dToDouble>(this);
+wSimulationBlockStateless* wVec3dToDoubleDescriptor::create(Lua::Loader*) const {
+    return new wVec3dToDouble(this);
 }
 const wLeadList& wVec3dToDoubleDescriptor::getInputWires_() const { return vecWire(); }
 const wLeadList& wVec3dToDoubleDescriptor::getOutputWires_() const { return xyzWires(); }
 
-std::unique_ptr<wSimulationBlockStateless> wBlockVectorPickerDescriptor::create(Lua::Loader*) const {
+wSimulationBlockStateless* wBlockVectorPickerDescriptor::create(Lua::Loader*) const {
     // Indices other than 1 and 2 (0, negative, 3 and up) pick x.
     switch (component()) {
-        case 1: return std::make_unique<wVectorPickerImpl<1>>(this);
-        case 2: return std::make_unique<wVectorPickerImpl<2>>(this);
-        default: return std::make_unique<wVectorPickerImpl<0>>(this);
+        case 1: return new wVectorPickerImpl<1>(this);
+        case 2: return new wVectorPickerImpl<2>(this);
+        default: return new wVectorPickerImpl<0>(this);
     }
 }
 wParameterList wBlockVectorPickerDescriptor::getParametersList() {
@@ -74,10 +74,10 @@ const wLeadList& wBlockVectorPickerDescriptor::getOutputWires_() const {
     return l;
 }
 
-std::unique_ptr<wSimulationBlockStateless> wVec3dModDescriptor::create(Lua::Loader*) const {
+wSimulationBlockStateless* wVec3dModDescriptor::create(Lua::Loader*) const {
     Rot3d rotation;
     rotation.setEulerAngles(0, Vec3d{rotate_x.get(), rotate_y.get(), rotate_z.get()});
-    return std::make_unique<wVec3dMod>(this, Vec3d{mult_x.get(), mult_y.get(), mult_z.get()}, rotation);
+    return new wVec3dMod(this, Vec3d{mult_x.get(), mult_y.get(), mult_z.get()}, rotation);
 }
 wParameterList wVec3dModDescriptor::getParametersList() {
     wParameterList l;
@@ -95,8 +95,8 @@ const wLeadList& wVec3dModDescriptor::getOutputWires_() const {
     return l;
 }
 
-std::unique_ptr<wSimulationBlockStateless> wRotatorBlockDescriptor::create(Lua::Loader*) const {
-    return std::make_unique<wRotatorBlock>(this);
+wSimulationBlockStateless* wRotatorBlockDescriptor::create(Lua::Loader*) const {
+    return new wRotatorBlock(this);
 }
 wParameterList wRotatorBlockDescriptor::getParametersList() {
     wParameterList l;

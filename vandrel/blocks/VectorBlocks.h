@@ -38,7 +38,7 @@ class wDoubleToVec3dDescriptor : public wDescriptorImpl<wDoubleToVec3dDescriptor
 public:
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
 
 protected:
     const wLeadList& getInputWires_() const override;
@@ -49,7 +49,7 @@ class wVec3dToDoubleDescriptor : public wDescriptorImpl<wVec3dToDoubleDescriptor
 public:
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
 
 protected:
     const wLeadList& getInputWires_() const override;
@@ -62,7 +62,7 @@ public:
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
     // The component picker is chosen now, from "index"; later changes need a new block.
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
     wParameterList getParametersList() override;
     int component() const { return index.get(); }
 
@@ -78,7 +78,7 @@ public:
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
     // Multipliers and rotation are copied into the runtime block now.
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
     wParameterList getParametersList() override;
 
     wBlockParameterProxy<double> mult_x{0.0};
@@ -97,7 +97,7 @@ class wRotatorBlockDescriptor : public wDescriptorImpl<wRotatorBlockDescriptor, 
 public:
     static const zo::string& getBlockClassNameS();
     static const zo::string& getBlockTypeNameS();
-    std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+    wSimulationBlockStateless* create(Lua::Loader* loader) const override;
     wParameterList getParametersList() override;
 
     // Stored for compatibility; the computation does not read them.

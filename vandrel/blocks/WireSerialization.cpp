@@ -138,9 +138,8 @@ const zo::string& wBlockWireSerializerDescriptor::getBlockTypeNameS() {
     return s;
 }
 
-std::unique_ptr<wSimulationBlockDisc> wBlockWireSerializerDescriptor::create(Lua::Loader*,
-                                                                             wSimulationSystem* system) const {
-    return std::make_unique<wBlockWireSerializer>(this, system);
+wSimulationBlockDisc* wBlockWireSerializerDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
+    return new wBlockWireSerializer(this, system);
 }
 
 const wLeadList& wBlockWireSerializerDescriptor::getInputPorts_() const {
@@ -177,9 +176,8 @@ const zo::string& wBlockWireDeserializerDescriptor::getBlockTypeNameS() {
     return s;
 }
 
-std::unique_ptr<wSimulationBlockDisc> wBlockWireDeserializerDescriptor::create(Lua::Loader*,
-                                                                               wSimulationSystem* system) const {
-    return std::make_unique<wBlockWireDeserializer>(this, system);
+wSimulationBlockDisc* wBlockWireDeserializerDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
+    return new wBlockWireDeserializer(this, system);
 }
 
 const wLeadList& wBlockWireDeserializerDescriptor::getInputPorts_() const {
@@ -235,12 +233,12 @@ const zo::string& wBlockWireToPortDescriptor::getBlockTypeNameS() {
     return s;
 }
 
-std::unique_ptr<wSimulationBlockDisc> wBlockWireToPortDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
+wSimulationBlockDisc* wBlockWireToPortDescriptor::create(Lua::Loader*, wSimulationSystem* system) const {
     for (const wLeadDescription& lead : leads_)
         if (lead.type == LEAD_OBJECT_PTR)
             throw wSimulationException("Cannot create output port of type wWireObjectPtrBase (" + blockLabel(*this) +
                                        ": lead " + lead.name + " is an object ptr; remove it from \"leads\")");
-    return std::make_unique<wBlockWireToPort>(this, system);
+    return new wBlockWireToPort(this, system);
 }
 
 void wBlockWireToPortDescriptor::serialize(wBlockSerializer& s) {

@@ -64,7 +64,7 @@ class wBlockWireSerializerDescriptor
 public:
     static const zo::string& getBlockClassNameS();  // "wBlockWireSerializerDescriptor"
     static const zo::string& getBlockTypeNameS();   // "Serializer"
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
+    wSimulationBlockDisc* create(Lua::Loader* loader, wSimulationSystem* system) const override;
 
 protected:
     const wLeadList& getInputWires_() const override { return wires_; }
@@ -76,7 +76,7 @@ class wBlockWireDeserializerDescriptor
 public:
     static const zo::string& getBlockClassNameS();  // "wBlockWireDeserializerDescriptor"
     static const zo::string& getBlockTypeNameS();   // "Deserializer"
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
+    wSimulationBlockDisc* create(Lua::Loader* loader, wSimulationSystem* system) const override;
 
 protected:
     const wLeadList& getOutputWires_() const override { return wires_; }
@@ -136,7 +136,7 @@ public:
     static const zo::string& getBlockTypeNameS();   // "Wire to port"
     // Throws "Cannot create output port of type wWireObjectPtrBase ..." for an
     // object-pointer lead.
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
+    wSimulationBlockDisc* create(Lua::Loader* loader, wSimulationSystem* system) const override;
     // Reads or writes "leads", then the base entry. A block entry must hold "leads".
     void serialize(wBlockSerializer& s) override;
 

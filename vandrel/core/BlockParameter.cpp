@@ -119,14 +119,14 @@ eParameterType wBlockParameterProxy<T>::getType() const {
 }
 
 template <class T>
-std::unique_ptr<wBlockParameterProxyBase> wBlockParameterProxy<T>::clone(bool forceCopy) const {
+wBlockParameterProxyBase* wBlockParameterProxy<T>::clone(bool forceCopy) const {
     if (!owns_ && !forceCopy) return makeReference();
-    return std::make_unique<wBlockParameterProxy<T>>(*this);
+    return new wBlockParameterProxy<T>(*this);
 }
 
 template <class T>
-std::unique_ptr<wBlockParameterProxyBase> wBlockParameterProxy<T>::makeReference() const {
-    return std::make_unique<wBlockParameterProxy<T>>(record_, false);
+wBlockParameterProxyBase* wBlockParameterProxy<T>::makeReference() const {
+    return new wBlockParameterProxy<T>(record_, false);
 }
 
 template <class T>
@@ -252,7 +252,7 @@ wBlockParameterContainer::wBlockParameterContainer(const wBlockParameterContaine
 
 wBlockParameterContainer& wBlockParameterContainer::operator=(const wBlockParameterContainer& other) {
     if (this != &other) {
-        proxy_ = other.proxy_ ? other.proxy_->clone(false) : nullptr;
+        proxy_.reset(other.proxy_ ? other.proxy_->clone(false) : nullptr);
         name_ = other.name_;
     }
     return *this;

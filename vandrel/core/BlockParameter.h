@@ -43,11 +43,11 @@ public:
     virtual bool isRequired() const = 0;
     virtual void setRequired(bool required) = 0;
     virtual eParameterType getType() const = 0;
-    // A copy: another reference when this proxy refers and !forceCopy, else an owning
-    // proxy of a fresh copy of the record (value and flags).
-    virtual std::unique_ptr<wBlockParameterProxyBase> clone(bool forceCopy) const = 0;
-    // A non-owning proxy of the same record.
-    virtual std::unique_ptr<wBlockParameterProxyBase> makeReference() const = 0;
+    // A copy, owned by the caller: another reference when this proxy refers and
+    // !forceCopy, else an owning proxy of a fresh copy of the record (value and flags).
+    virtual wBlockParameterProxyBase* clone(bool forceCopy) const = 0;
+    // A new non-owning proxy of the same record; the proxy object is the caller's.
+    virtual wBlockParameterProxyBase* makeReference() const = 0;
     // Text form for editors. Doubles use the shortest text that reads back exactly;
     // bools are "0"/"1"; vectors "(x, y, z)". fromString throws "Cannot parse: " + text.
     virtual zo::string toString() const = 0;
@@ -83,8 +83,8 @@ public:
     bool isRequired() const override { return record_->required; }
     void setRequired(bool required) override { record_->required = required; }
     eParameterType getType() const override;
-    std::unique_ptr<wBlockParameterProxyBase> clone(bool forceCopy) const override;
-    std::unique_ptr<wBlockParameterProxyBase> makeReference() const override;
+    wBlockParameterProxyBase* clone(bool forceCopy) const override;
+    wBlockParameterProxyBase* makeReference() const override;
     zo::string toString() const override;
     void fromString(const zo::string& text) override;
     void save(Lua::Loader* loader, std::string_view key) const override;
@@ -109,8 +109,11 @@ extern template class wBlockParameterProxy<zo::vector<double>>;
 class wBlockParameterContainer {
 public:
     wBlockParameterContainer() = default;
+    // Both take ownership of the proxy.
     wBlockParameterContainer(zo::string name, std::unique_ptr<wBlockParameterProxyBase> proxy)
         : proxy_(std::move(proxy)), name_(std::move(name)) {}
+    wBlockParameterContainer(zo::string name, wBlockParameterProxyBase* proxy)
+        : proxy_(proxy), name_(std::move(name)) {}
     wBlockParameterContainer(const wBlockParameterContainer& other);
     wBlockParameterContainer& operator=(const wBlockParameterContainer& other);
     wBlockParameterContainer(wBlockParameterContainer&&) noexcept = default;

@@ -27,32 +27,6 @@ int leadTypeSize(eLeadType t) {
 
 namespace {
 
-// Port factory of one lead type T; the object-pointer type has its own specialisation.
-template <class T, eLeadType Type>
-class wConcreteLeadCreator final : public wLeadCreator {
-public:
-    static_assert(wLeadTypeOf<T>::value == Type);
-    std::unique_ptr<wInputPortBase> createInputPort() const override {
-        return std::make_unique<wInputPort<T>>();
-    }
-    std::unique_ptr<wOutputPortBase> createOutputPort() const override {
-        return std::make_unique<wOutputPort<T>>();
-    }
-};
-
-// Object pointers: inputs of unknown object type only; outputs exist only as typed ports
-// that the owning block makes itself, so a generic one is refused.
-template <>
-class wConcreteLeadCreator<wWireObjectPtrBase, LEAD_OBJECT_PTR> final : public wLeadCreator {
-public:
-    std::unique_ptr<wInputPortBase> createInputPort() const override {
-        return std::make_unique<wInputPortObjPtrUnknown>();
-    }
-    std::unique_ptr<wOutputPortBase> createOutputPort() const override {
-        throw wSimulationException("Cannot create output port of type wWireObjectPtrBase");
-    }
-};
-
 const wConcreteLeadCreator<int, LEAD_INT> intCreator;
 const wConcreteLeadCreator<bool, LEAD_BOOL> boolCreator;
 const wConcreteLeadCreator<double, LEAD_DOUBLE> doubleCreator;
@@ -76,7 +50,7 @@ const wLeadCreator& leadCreator(eLeadType t) {
 
 wOutputPortArray::wOutputPortArray(const wLeadList& leads) {
     ports_.reserve(leads.size());
-    for (const wLeadDescription& lead : leads) ports_.push_back(leadCreator(lead.type).createOutputPort());
+    for (const wLeadDescription& lead : leads) ports_.emplace_back(leadCreator(lead.type).createOutputPort());
 }
 
 wOutputPortArray::~wOutputPortArray() = default;

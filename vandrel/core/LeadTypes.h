@@ -62,11 +62,13 @@ void saveLeadNames(Lua::Loader& loader, std::string_view key, const wLeadList& l
 class wInputPortBase;
 class wOutputPortBase;
 
+// Factory of the port objects of one lead type; the ports it returns belong to the
+// caller. The implementation, wConcreteLeadCreator<T, eLeadType>, is in Ports.h.
 class wLeadCreator {
 public:
     virtual ~wLeadCreator() = default;
-    virtual std::unique_ptr<wInputPortBase> createInputPort() const = 0;
-    virtual std::unique_ptr<wOutputPortBase> createOutputPort() const = 0;
+    virtual wInputPortBase* createInputPort() const = 0;
+    virtual wOutputPortBase* createOutputPort() const = 0;
 };
 
 // The creator of lead type t (0..6).

@@ -38,8 +38,9 @@ class wInputPortBase {
 public:
     virtual ~wInputPortBase() = default;
     virtual eLeadType getType() const = 0;
-    // A new, unconnected fan-out node of this port's type; null where none can exist.
-    virtual std::unique_ptr<wProxyPortBase> createProxyPort() const = 0;
+    // A new, unconnected fan-out node of this port's type, owned by the caller; null
+    // where none can exist.
+    virtual wProxyPortBase* createProxyPort() const = 0;
     // Untyped access for code that knows only the lead type: copy a value of the port's
     // type from / to memory. Never calls back the owner. False for object-pointer ports.
     virtual bool setValueFromPtr(const void*) { return false; }
@@ -52,7 +53,8 @@ public:
     virtual eLeadType getType() const = 0;
     // Appends `in` to the receivers; throws on a type mismatch and then changes nothing.
     virtual void connect(wInputPortBase* in) = 0;
-    virtual std::unique_ptr<wProxyPortBase> createProxyPort() const = 0;
+    // A new, unconnected fan-out node of this port's type, owned by the caller.
+    virtual wProxyPortBase* createProxyPort() const = 0;
     // Sends a value of the port's type read from memory; object-pointer ports send nothing.
     virtual void sendFromPtr(const void* value) const = 0;
     virtual std::size_t connectionCount() const = 0;
@@ -71,7 +73,7 @@ public:
     T value = zeroLeadValue<T>();
 
     eLeadType getType() const override { return wLeadTypeOf<T>::value; }
-    std::unique_ptr<wProxyPortBase> createProxyPort() const override;
+    wProxyPortBase* createProxyPort() const override;
     virtual void setValue(const T& v) { value = v; }
     bool setValueFromPtr(const void* p) override {
         if constexpr (std::is_same_v<T, bool>) value = *static_cast<const unsigned char*>(p) != 0;
@@ -151,7 +153,7 @@ public:
         // The type matches, so `in` is a wInputPort<T> (or a proxy, which is one too).
         connectedPorts_.push_back(static_cast<wInputPort<T>*>(in));
     }
-    std::unique_ptr<wProxyPortBase> createProxyPort() const override;
+    wProxyPortBase* createProxyPort() const override;
     void sendFromPtr(const void* p) const override {
         T v;
         if constexpr (std::is_same_v<T, bool>) v = *static_cast<const unsigned char*>(p) != 0;
@@ -185,12 +187,12 @@ private:
 };
 
 template <class T>
-std::unique_ptr<wProxyPortBase> wInputPort<T>::createProxyPort() const {
-    return std::make_unique<wProxyPort<T>>();
+wProxyPortBase* wInputPort<T>::createProxyPort() const {
+    return new wProxyPort<T>();
 }
 template <class T>
-std::unique_ptr<wProxyPortBase> wOutputPort<T>::createProxyPort() const {
-    return std::make_unique<wProxyPort<T>>();
+wProxyPortBase* wOutputPort<T>::createProxyPort() const {
+    return new wProxyPort<T>();
 }
 
 // ---- Object-pointer ports (lead type 5): pointers to wWireObjectPtrBase objects.
@@ -206,7 +208,7 @@ public:
 // connection, receives nothing, cannot be fanned out.
 class wInputPortObjPtrUnknown : public wInputPort<wWireObjectPtrBase> {
 public:
-    std::unique_ptr<wProxyPortBase> createProxyPort() const override { return nullptr; }
+    wProxyPortBase* createProxyPort() const override { return nullptr; }
 };
 
 template <class X>
@@ -216,8 +218,8 @@ template <class X>
 class wInputPortObjPtrBase : public wInputPort<wWireObjectPtrBase> {
 public:
     virtual void setValue(X* p) = 0;
-    std::unique_ptr<wProxyPortBase> createProxyPort() const override {
-        return std::make_unique<wProxyPortObjPtr<X>>();
+    wProxyPortBase* createProxyPort() const override {
+        return new wProxyPortObjPtr<X>();
     }
 };
 
@@ -269,8 +271,8 @@ public:
         if (dynamic_cast<wInputPortObjPtrUnknown*>(in)) return;
         throw wSimulationException("Attempt to connect obj ptr ports of different types");
     }
-    std::unique_ptr<wProxyPortBase> createProxyPort() const override {
-        return std::make_unique<wProxyPortObjPtr<X>>();
+    wProxyPortBase* createProxyPort() const override {
+        return new wProxyPortObjPtr<X>();
     }
     std::size_t connectionCount() const override { return connectedPorts_.size(); }
 
@@ -292,4 +294,25 @@ public:
 
 private:
     wOutputPortObjPtr<X> output_;
+};
+
+// The port factory of one lead type: T is the carried value type, Type its eLeadType.
+// One static instance per type sits behind leadCreator(); hosts may also make their own.
+template <class T, eLeadType Type>
+class wConcreteLeadCreator final : public wLeadCreator {
+public:
+    static_assert(wLeadTypeOf<T>::value == Type);
+    wInputPortBase* createInputPort() const override { return new wInputPort<T>(); }
+    wOutputPortBase* createOutputPort() const override { return new wOutputPort<T>(); }
+};
+
+// Object pointers: inputs of unknown object type only; outputs exist only as typed ports
+// that the owning block makes itself, so a generic one is refused.
+template <>
+class wConcreteLeadCreator<wWireObjectPtrBase, LEAD_OBJECT_PTR> final : public wLeadCreator {
+public:
+    wInputPortBase* createInputPort() const override { return new wInputPortObjPtrUnknown(); }
+    wOutputPortBase* createOutputPort() const override {
+        throw wSimulationException("Cannot create output port of type wWireObjectPtrBase");
+    }
 };

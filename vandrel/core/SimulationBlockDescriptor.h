@@ -39,7 +39,8 @@ public:
     virtual bool isOfType(weBlockType type) const;
     // Reads or writes the block's entry; see the .cpp for the layout of the entry.
     virtual void serialize(wBlockSerializer& s);
-    virtual std::unique_ptr<wSimulationBlockDescriptor> clone() const = 0;
+    // A new copy of the same class, owned by the caller.
+    virtual wSimulationBlockDescriptor* clone() const = 0;
 
     virtual const wLeadList& getInputWires() const { return getInputWires_(); }
     virtual const wLeadList& getOutputWires() const { return getOutputWires_(); }
@@ -113,7 +114,8 @@ private:
 class wSimulationBlockStatelessDescriptor : public wSimulationBlockDescriptor {
 public:
     bool isOfType(weBlockType type) const override { return type == BLOCK_STATELESS; }
-    virtual std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const = 0;
+    // A new runtime block bound to this descriptor, owned by the caller.
+    virtual wSimulationBlockStateless* create(Lua::Loader* loader) const = 0;
 
 protected:
     wSimulationBlockStatelessDescriptor() = default;
@@ -124,8 +126,8 @@ protected:
 class wSimulationBlockDiscDescriptor : public wSimulationBlockDescriptor {
 public:
     bool isOfType(weBlockType type) const override { return type == BLOCK_DISCRETE; }
-    virtual std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader,
-                                                         wSimulationSystem* system) const = 0;
+    // A new runtime block bound to this descriptor, owned by the caller.
+    virtual wSimulationBlockDisc* create(Lua::Loader* loader, wSimulationSystem* system) const = 0;
 
 protected:
     wSimulationBlockDiscDescriptor() = default;
@@ -139,7 +141,8 @@ class wSimulationBlockDiffDescriptor : public wSimulationBlockDescriptor {
 public:
     bool isOfType(weBlockType type) const override { return type == BLOCK_DIFF; }
     const wLeadList& getInputWires() const override { return getCombinedInputWires_(); }
-    virtual std::unique_ptr<wSimulationBlockDiff> create(Lua::Loader* loader) const = 0;
+    // A new runtime block bound to this descriptor, owned by the caller.
+    virtual wSimulationBlockDiff* create(Lua::Loader* loader) const = 0;
 
     // The class's inputs followed by one "<output>.initial" wire per output.
     static wLeadList combineInputWires(const wLeadList& inputs, const wLeadList& outputs);
@@ -170,8 +173,7 @@ class wDescriptorImpl : public Base {
 public:
     const zo::string& getClassName() const override { return D::getBlockClassNameS(); }
     const zo::string& getBlockTypeName() const override { return D::getBlockTypeNameS(); }
-    std::unique_ptr<wSimulationBlockDescriptor> clone() const override {
-        return std::make_unique<D>(static_cast<const D&>(*this));
-    }
-    static std::unique_ptr<wSimulationBlockDescriptor> __create_instance() { return std::make_unique<D>(); }
+    wSimulationBlockDescriptor* clone() const override { return new D(static_cast<const D&>(*this)); }
+    // A new, unnamed descriptor of class D, owned by the caller.
+    static D* __create_instance() { return new D(); }
 };

@@ -41,18 +41,18 @@ void wOdeSolversFactory::register_descriptor(const zo::string& name, const Creat
     keysDescriptions_.emplace_back(name, description);
 }
 
-std::unique_ptr<wOdeSolverDescriptor> wOdeSolversFactory::generate(const zo::string& name) const {
+wOdeSolverDescriptor* wOdeSolversFactory::generate(const zo::string& name) const {
     auto it = creators_.find(name);
     if (it == creators_.end() || !it->second) throw wSimulationException("Unknown ODE solver type: " + name);
-    std::unique_ptr<wOdeSolverDescriptor> d = it->second();
+    wOdeSolverDescriptor* d = it->second();
     if (!d) throw wSimulationException("Unknown ODE solver type: " + name);
     return d;
 }
 
-std::unique_ptr<wOdeSolverDescriptor> wOdeSolversFactory::load(Lua::Loader* loader) const {
-    std::unique_ptr<wOdeSolverDescriptor> d = generate(loader->getString("__type"));
+wOdeSolverDescriptor* wOdeSolversFactory::load(Lua::Loader* loader) const {
+    std::unique_ptr<wOdeSolverDescriptor> d(generate(loader->getString("__type")));
     d->load(loader);
-    return d;
+    return d.release();
 }
 
 void wOdeSolversFactory::save(Lua::Loader* loader, wOdeSolverDescriptor& descriptor) {

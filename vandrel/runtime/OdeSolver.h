@@ -23,8 +23,10 @@ public:
     virtual void save(Lua::Loader* loader);
     // Reads each parameter from the loader's current table (all are required).
     virtual void load(Lua::Loader* loader);
-    virtual std::unique_ptr<wOdeSolverDescriptor> clone() const = 0;
-    virtual std::unique_ptr<wOdeSolver> createSolver(wSimulationSystem* system) const = 0;
+    // A new descriptor of the same kind and parameter values, owned by the caller.
+    virtual wOdeSolverDescriptor* clone() const = 0;
+    // A new solver for `system`; the system takes ownership.
+    virtual wOdeSolver* createSolver(wSimulationSystem* system) const = 0;
     virtual wParameterList getParametersList();
     // The registered kind name, written as "__type".
     virtual const zo::string& getTypeName() const = 0;
@@ -65,16 +67,18 @@ protected:
 
 class wOdeSolversFactory {
 public:
-    using Creator = CoreMeta::Functor<std::unique_ptr<wOdeSolverDescriptor>>;
+    // Returns a new descriptor, owned by whoever called the creator.
+    using Creator = CoreMeta::Functor<wOdeSolverDescriptor*>;
 
     static wOdeSolversFactory* instance();
 
     // Throws "Duplicated ODE solver type: " + name (and adds nothing) for a known name.
     void register_descriptor(const zo::string& name, const Creator& creator, const zo::string& description);
-    // A new descriptor of that kind; throws "Unknown ODE solver type: " + name.
-    std::unique_ptr<wOdeSolverDescriptor> generate(const zo::string& name) const;
+    // A new descriptor of that kind, owned by the caller; throws "Unknown ODE solver type: " + name.
+    wOdeSolverDescriptor* generate(const zo::string& name) const;
     // Reads a solver table (the loader is on it): "__type", then the kind's parameters.
-    std::unique_ptr<wOdeSolverDescriptor> load(Lua::Loader* loader) const;
+    // The result is the caller's.
+    wOdeSolverDescriptor* load(Lua::Loader* loader) const;
     // Writes "__type" and the parameters into the loader's current table.
     static void save(Lua::Loader* loader, wOdeSolverDescriptor& descriptor);
     zo::vector<std::pair<zo::string, zo::string>> getKeysDescriptions() const { return keysDescriptions_; }

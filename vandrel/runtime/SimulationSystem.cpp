@@ -34,13 +34,13 @@ const zo::string& nameOf(const wSimulationBlockDescriptor* d) {
 // and direction for the whole process, made on first need and never deleted.
 template <eLeadType T>
 wInputPortBase* placeholderInputOf() {
-    static wInputPortBase* const port = leadCreator(T).createInputPort().release();
+    static wInputPortBase* const port = leadCreator(T).createInputPort();
     return port;
 }
 template <eLeadType T>
 wOutputPortBase* placeholderOutputOf() {
     // For an object pointer the creator throws: such a port cannot be made generically.
-    static wOutputPortBase* const port = leadCreator(T).createOutputPort().release();
+    static wOutputPortBase* const port = leadCreator(T).createOutputPort();
     return port;
 }
 
@@ -144,7 +144,7 @@ void wSimulationSystem::init_(Lua::Loader* loader) {
     if (s.getDiffBlocksCount() > 0) {
         const wOdeSolverDescriptor* sd = s.getOdeSolverDescriptor();
         if (sd == nullptr) throw wSimulationException("Scheme with continuous blocks has no ODE solver");
-        solver_ = sd->createSolver(this);
+        solver_.reset(sd->createSolver(this));
         diffInputs_.build(s);
     }
 }
@@ -168,21 +168,21 @@ void wSimulationSystem::createBlocks_(Lua::Loader* loader) {
         if (i < firstDiff) {
             const auto* sd = dynamic_cast<const wSimulationBlockStatelessDescriptor*>(d);
             if (sd == nullptr) throw wrongKind();
-            std::unique_ptr<wSimulationBlockStateless> b = sd->create(loader);
+            std::unique_ptr<wSimulationBlockStateless> b(sd->create(loader));
             if (!b) throw wrongKind();
             stateless_.push_back(b.get());
             blocks_.push_back(std::move(b));
         } else if (i < firstDiscrete) {
             const auto* dd = dynamic_cast<const wSimulationBlockDiffDescriptor*>(d);
             if (dd == nullptr) throw wrongKind();
-            std::unique_ptr<wSimulationBlockDiff> b = dd->create(loader);
+            std::unique_ptr<wSimulationBlockDiff> b(dd->create(loader));
             if (!b) throw wrongKind();
             diff_.push_back(b.get());
             blocks_.push_back(std::move(b));
         } else {
             const auto* qd = dynamic_cast<const wSimulationBlockDiscDescriptor*>(d);
             if (qd == nullptr) throw wrongKind();
-            std::unique_ptr<wSimulationBlockDisc> b = qd->create(loader, this);
+            std::unique_ptr<wSimulationBlockDisc> b(qd->create(loader, this));
             if (!b) throw wrongKind();
             wSimulationBlockDisc* raw = b.get();
             discrete_.push_back(raw);
@@ -238,8 +238,9 @@ void wSimulationSystem::buildPorts_() {
             if (type != schemeOuts[static_cast<std::size_t>(schemeOut)].type)
                 throw wSimulationException("Attempt to connect ports of different types");
             // An object pointer cannot leave the scheme through a generic port: this throws.
-            if (type == LEAD_OBJECT_PTR) (void)leadCreator(type).createOutputPort();
-            proxies_.push_back(leadCreator(type).createInputPort()->createProxyPort());
+            if (type == LEAD_OBJECT_PTR) delete leadCreator(type).createOutputPort();
+            const std::unique_ptr<wInputPortBase> model(leadCreator(type).createInputPort());
+            proxies_.emplace_back(model->createProxyPort());
             wProxyPortBase* bridge = proxies_.back().get();
             addInputConsumer_(static_cast<std::size_t>(schemeIn), bridge->getInputPort());
             addOutputFeeder_(static_cast<std::size_t>(schemeOut), bridge->getOutputPort());
@@ -270,7 +271,7 @@ void wSimulationSystem::addInputConsumer_(std::size_t i, wInputPortBase* in) {
     }
     if (inputFanOut_[i] == nullptr) {
         // Second consumer: a proxy takes the entry's place and feeds the first one.
-        std::unique_ptr<wProxyPortBase> x = entry->createProxyPort();
+        std::unique_ptr<wProxyPortBase> x(entry->createProxyPort());
         if (!x) throw wSimulationException("Scheme input port " + lead.name + " cannot feed more than one port");
         wProxyPortBase* proxy = x.get();
         proxies_.push_back(std::move(x));
@@ -291,7 +292,7 @@ void wSimulationSystem::addOutputFeeder_(std::size_t j, wOutputPortBase* out) {
     }
     if (outputMerge_[j] == nullptr) {
         // Second source: both send into a proxy whose output becomes the scheme's port.
-        std::unique_ptr<wProxyPortBase> z = entry->createProxyPort();
+        std::unique_ptr<wProxyPortBase> z(entry->createProxyPort());
         if (!z) throw wSimulationException("Scheme output port " + lead.name + " cannot take more than one source");
         wProxyPortBase* proxy = z.get();
         proxies_.push_back(std::move(z));

@@ -24,12 +24,12 @@ const zo::string& wSolverCvodeDescriptor::getTypeNameS() {
     return name;
 }
 
-std::unique_ptr<wOdeSolverDescriptor> wSolverCvodeDescriptor::clone() const {
-    return std::make_unique<wSolverCvodeDescriptor>(*this);
+wOdeSolverDescriptor* wSolverCvodeDescriptor::clone() const {
+    return new wSolverCvodeDescriptor(*this);
 }
 
-std::unique_ptr<wOdeSolver> wSolverCvodeDescriptor::createSolver(wSimulationSystem* system) const {
-    return std::make_unique<wSolverCvode>(this, system);
+wOdeSolver* wSolverCvodeDescriptor::createSolver(wSimulationSystem* system) const {
+    return new wSolverCvode(this, system);
 }
 
 // ---- CVODE's objects

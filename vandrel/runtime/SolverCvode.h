@@ -16,8 +16,8 @@ class wSolverCvodeDescriptor : public wTolerantSolverDescriptor {
 public:
     static const zo::string& getTypeNameS();  // "wSolverCvodeDescriptor"
 
-    std::unique_ptr<wOdeSolverDescriptor> clone() const override;
-    std::unique_ptr<wOdeSolver> createSolver(wSimulationSystem* system) const override;
+    wOdeSolverDescriptor* clone() const override;
+    wOdeSolver* createSolver(wSimulationSystem* system) const override;
     const zo::string& getTypeName() const override { return getTypeNameS(); }
 };
 

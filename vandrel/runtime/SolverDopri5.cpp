@@ -25,12 +25,12 @@ void wSolverDopri5Descriptor::load(Lua::Loader* loader) {
     requireNonNegativeFiniteParameter(*loader, "H0", getH0());
 }
 
-std::unique_ptr<wOdeSolverDescriptor> wSolverDopri5Descriptor::clone() const {
-    return std::make_unique<wSolverDopri5Descriptor>(*this);
+wOdeSolverDescriptor* wSolverDopri5Descriptor::clone() const {
+    return new wSolverDopri5Descriptor(*this);
 }
 
-std::unique_ptr<wOdeSolver> wSolverDopri5Descriptor::createSolver(wSimulationSystem* system) const {
-    return std::make_unique<wSolverDopri5>(this, system);
+wOdeSolver* wSolverDopri5Descriptor::createSolver(wSimulationSystem* system) const {
+    return new wSolverDopri5(this, system);
 }
 
 wParameterList wSolverDopri5Descriptor::getParametersList() {

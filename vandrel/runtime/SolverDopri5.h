@@ -19,8 +19,8 @@ public:
     wSolverDopri5Descriptor();
     // Reads "H", "rtol", "atol" and the optional "H0"; refuses unusable values.
     void load(Lua::Loader* loader) override;
-    std::unique_ptr<wOdeSolverDescriptor> clone() const override;
-    std::unique_ptr<wOdeSolver> createSolver(wSimulationSystem* system) const override;
+    wOdeSolverDescriptor* clone() const override;
+    wOdeSolver* createSolver(wSimulationSystem* system) const override;
     wParameterList getParametersList() override;  // "H", "rtol", "atol", "H0"
     const zo::string& getTypeName() const override { return getTypeNameS(); }
 

@@ -13,12 +13,12 @@ const zo::string& wSolverExplEulerDescriptor::getTypeNameS() {
     return name;
 }
 
-std::unique_ptr<wOdeSolverDescriptor> wSolverExplEulerDescriptor::clone() const {
-    return std::make_unique<wSolverExplEulerDescriptor>(*this);
+wOdeSolverDescriptor* wSolverExplEulerDescriptor::clone() const {
+    return new wSolverExplEulerDescriptor(*this);
 }
 
-std::unique_ptr<wOdeSolver> wSolverExplEulerDescriptor::createSolver(wSimulationSystem* system) const {
-    return std::make_unique<wSolverExplEuler>(this, system);
+wOdeSolver* wSolverExplEulerDescriptor::createSolver(wSimulationSystem* system) const {
+    return new wSolverExplEuler(this, system);
 }
 
 wParameterList wSolverExplEulerDescriptor::getParametersList() {

@@ -8,8 +8,8 @@ class wSolverExplEulerDescriptor : public wOdeSolverDescriptor {
 public:
     static const zo::string& getTypeNameS();  // "wSolverExplEulerDescriptor"
 
-    std::unique_ptr<wOdeSolverDescriptor> clone() const override;
-    std::unique_ptr<wOdeSolver> createSolver(wSimulationSystem* system) const override;
+    wOdeSolverDescriptor* clone() const override;
+    wOdeSolver* createSolver(wSimulationSystem* system) const override;
     wParameterList getParametersList() override;
     const zo::string& getTypeName() const override { return getTypeNameS(); }
     // "H" must be a positive finite step.

@@ -19,12 +19,12 @@ void wSolverRK4Descriptor::load(Lua::Loader* loader) {
     requirePositiveFiniteParameter(*loader, "H", getH());
 }
 
-std::unique_ptr<wOdeSolverDescriptor> wSolverRK4Descriptor::clone() const {
-    return std::make_unique<wSolverRK4Descriptor>(*this);
+wOdeSolverDescriptor* wSolverRK4Descriptor::clone() const {
+    return new wSolverRK4Descriptor(*this);
 }
 
-std::unique_ptr<wOdeSolver> wSolverRK4Descriptor::createSolver(wSimulationSystem* system) const {
-    return std::make_unique<wSolverRK4>(this, system);
+wOdeSolver* wSolverRK4Descriptor::createSolver(wSimulationSystem* system) const {
+    return new wSolverRK4(this, system);
 }
 
 wParameterList wSolverRK4Descriptor::getParametersList() {

@@ -14,8 +14,8 @@ public:
 
     // Reads "H" and refuses a step that is not a finite number greater than 0.
     void load(Lua::Loader* loader) override;
-    std::unique_ptr<wOdeSolverDescriptor> clone() const override;
-    std::unique_ptr<wOdeSolver> createSolver(wSimulationSystem* system) const override;
+    wOdeSolverDescriptor* clone() const override;
+    wOdeSolver* createSolver(wSimulationSystem* system) const override;
     wParameterList getParametersList() override;  // "H"
     const zo::string& getTypeName() const override { return getTypeNameS(); }
 

@@ -14,7 +14,7 @@ void wSimulationBlockFactory::register_descriptor(const zo::string& className, c
     keysDescriptions_.emplace_back(className, description);
 }
 
-std::unique_ptr<wSimulationBlockDescriptor> wSimulationBlockFactory::generate(const zo::string& className) const {
+wSimulationBlockDescriptor* wSimulationBlockFactory::generate(const zo::string& className) const {
     const auto it = creators_.find(className);
     if (it == creators_.end()) throw wSimulationException("Block " + className + " not found");
     return it->second();

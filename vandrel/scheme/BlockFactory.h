@@ -13,7 +13,8 @@
 
 class wSimulationBlockFactory {
 public:
-    using Creator = CoreMeta::Functor<std::unique_ptr<wSimulationBlockDescriptor>,
+    // A nullary creator returning a new descriptor, owned by whoever called it.
+    using Creator = CoreMeta::Functor<wSimulationBlockDescriptor*,
                                       CoreMeta::TypeList<CoreMeta::NullType, CoreMeta::NullType>>;
 
     static wSimulationBlockFactory* instance();
@@ -24,11 +25,12 @@ public:
     // Registers D under D::getBlockClassNameS() with D::__create_instance.
     template <class D>
     void registerClass(const zo::string& description) {
-        register_descriptor(D::getBlockClassNameS(), Creator(&D::__create_instance), description);
+        register_descriptor(D::getBlockClassNameS(), Creator([]() -> wSimulationBlockDescriptor* { return D::__create_instance(); }),
+                            description);
     }
 
-    // A new descriptor of that class; throws "Block " + name + " not found".
-    std::unique_ptr<wSimulationBlockDescriptor> generate(const zo::string& className) const;
+    // A new descriptor of that class, owned by the caller; throws "Block " + name + " not found".
+    wSimulationBlockDescriptor* generate(const zo::string& className) const;
     bool hasClass(const zo::string& className) const { return creators_.count(className) != 0; }
     zo::vector<std::pair<zo::string, zo::string>> getKeysDescriptions() const { return keysDescriptions_; }
 

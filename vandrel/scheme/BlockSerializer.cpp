@@ -9,12 +9,12 @@ const zo::string& wBlockSerializer::getDirectory() { return getLoader()->getDire
 
 // ---- Editor: faithful reading and writing
 
-std::unique_ptr<wSimulationBlockDescriptor> wEditorBlockSerializer::createBlock() {
+wSimulationBlockDescriptor* wEditorBlockSerializer::createBlock() {
     const zo::string type = loader_->getString("__type");
-    std::unique_ptr<wSimulationBlockDescriptor> descriptor = wSimulationBlockFactory::instance()->generate(type);
+    std::unique_ptr<wSimulationBlockDescriptor> descriptor(wSimulationBlockFactory::instance()->generate(type));
     // A half-read descriptor goes with the unique_ptr if this throws.
     descriptor->serialize(*this);
-    return descriptor;
+    return descriptor.release();
 }
 
 void wEditorBlockSerializer::beginParameters() {
@@ -46,9 +46,9 @@ void wEditorBlockSerializer::endParameters() { loader_->endSubtable(); }
 
 // ---- Runtime: reading for a simulation, with overrides
 
-std::unique_ptr<wSimulationBlockDescriptor> wRuntimeBlockSerializer::createBlock() {
+wSimulationBlockDescriptor* wRuntimeBlockSerializer::createBlock() {
     const zo::string type = loader_->getString("__type");
-    std::unique_ptr<wSimulationBlockDescriptor> descriptor = wSimulationBlockFactory::instance()->generate(type);
+    std::unique_ptr<wSimulationBlockDescriptor> descriptor(wSimulationBlockFactory::instance()->generate(type));
     const zo::string name = loader_->getString("__name");
 
     // Overrides apply through the block's own table of the overrides, if it has one.
@@ -75,7 +75,7 @@ std::unique_ptr<wSimulationBlockDescriptor> wRuntimeBlockSerializer::createBlock
         throw;
     }
     restore();
-    return descriptor;
+    return descriptor.release();
 }
 
 void wRuntimeBlockSerializer::beginParameters() { loader_->beginSubtable("__parameters"); }

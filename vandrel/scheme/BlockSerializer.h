@@ -26,8 +26,9 @@ public:
     virtual Lua::Loader* getOverrides() = 0;
     virtual bool isReading() const = 0;
     virtual bool isRuntime() const = 0;
-    // Reads one block entry and builds its descriptor through the factory.
-    virtual std::unique_ptr<wSimulationBlockDescriptor> createBlock() = 0;
+    // Reads one block entry and builds its descriptor through the factory; the new
+    // descriptor is the caller's.
+    virtual wSimulationBlockDescriptor* createBlock() = 0;
     virtual void beginParameters() = 0;
     virtual void serializeParameter(wBlockParameterContainer& p) = 0;
     virtual void endParameters() = 0;
@@ -44,7 +45,7 @@ public:
     Lua::Loader* getOverrides() override { return nullptr; }
     bool isReading() const override { return reading_; }
     bool isRuntime() const override { return false; }
-    std::unique_ptr<wSimulationBlockDescriptor> createBlock() override;
+    wSimulationBlockDescriptor* createBlock() override;
     void beginParameters() override;
     void serializeParameter(wBlockParameterContainer& p) override;
     void endParameters() override;
@@ -61,7 +62,7 @@ public:
     Lua::Loader* getOverrides() override { return overrides_; }
     bool isReading() const override { return true; }
     bool isRuntime() const override { return true; }
-    std::unique_ptr<wSimulationBlockDescriptor> createBlock() override;
+    wSimulationBlockDescriptor* createBlock() override;
     void beginParameters() override;
     void serializeParameter(wBlockParameterContainer& p) override;
     void endParameters() override;

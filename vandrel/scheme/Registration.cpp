@@ -26,16 +26,16 @@ namespace {
 
 void registerSolverKinds(wOdeSolversFactory& f) {
     f.register_descriptor(wSolverExplEulerDescriptor::getTypeNameS(),
-                          [] { return std::unique_ptr<wOdeSolverDescriptor>(new wSolverExplEulerDescriptor); },
+                          []() -> wOdeSolverDescriptor* { return new wSolverExplEulerDescriptor; },
                           "Explicit Euler");
     f.register_descriptor(wSolverRK4Descriptor::getTypeNameS(),
-                          [] { return std::unique_ptr<wOdeSolverDescriptor>(new wSolverRK4Descriptor); },
+                          []() -> wOdeSolverDescriptor* { return new wSolverRK4Descriptor; },
                           "Runge-Kutta 4");
     f.register_descriptor(wSolverDopri5Descriptor::getTypeNameS(),
-                          [] { return std::unique_ptr<wOdeSolverDescriptor>(new wSolverDopri5Descriptor); },
+                          []() -> wOdeSolverDescriptor* { return new wSolverDopri5Descriptor; },
                           "Dormand-Prince 4(5), adaptive");
     f.register_descriptor(wSolverCvodeDescriptor::getTypeNameS(),
-                          [] { return std::unique_ptr<wOdeSolverDescriptor>(new wSolverCvodeDescriptor); },
+                          []() -> wOdeSolverDescriptor* { return new wSolverCvodeDescriptor; },
                           "CVODE BDF, stiff");
 }
 

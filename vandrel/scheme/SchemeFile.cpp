@@ -269,7 +269,7 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
         // addBlock, which looks into subsystems.
         std::unordered_set<std::string_view> plainNames;
         for (int position = 1; loader.nextArray(); ++position) {
-            std::unique_ptr<wSimulationBlockDescriptor> block = reader.createBlock();
+            std::unique_ptr<wSimulationBlockDescriptor> block(reader.createBlock());
             hasContinuous = hasContinuous || block->isOfType(BLOCK_DIFF);
             // What a block will allocate is refused while its place in the file is known.
             if (running) checkBlockAllocation(*block, blocksPath + "[" + std::to_string(position) + "]");

@@ -24,12 +24,11 @@ const zo::string& wSimulationSystemScheme::InputOutputBlock::getBlockTypeName() 
     return name;
 }
 
-std::unique_ptr<wSimulationBlockDescriptor> wSimulationSystemScheme::InputOutputBlock::clone() const {
-    return std::make_unique<InputOutputBlock>(*this);
+wSimulationBlockDescriptor* wSimulationSystemScheme::InputOutputBlock::clone() const {
+    return new InputOutputBlock(*this);
 }
 
-std::unique_ptr<wSimulationBlockDisc> wSimulationSystemScheme::InputOutputBlock::create(Lua::Loader*,
-                                                                                      wSimulationSystem*) const {
+wSimulationBlockDisc* wSimulationSystemScheme::InputOutputBlock::create(Lua::Loader*, wSimulationSystem*) const {
     // The scheme's leads are served by the system itself, never by a block of their own.
     throw wSimulationException("The I/O block has no runtime block");
 }
@@ -85,12 +84,12 @@ const zo::string& wSimulationSystemScheme::SpecialCommandsBlock::getBlockTypeNam
     return name;
 }
 
-std::unique_ptr<wSimulationBlockDescriptor> wSimulationSystemScheme::SpecialCommandsBlock::clone() const {
-    return std::make_unique<SpecialCommandsBlock>(*this);
+wSimulationBlockDescriptor* wSimulationSystemScheme::SpecialCommandsBlock::clone() const {
+    return new SpecialCommandsBlock(*this);
 }
 
-std::unique_ptr<wSimulationBlockStateless> wSimulationSystemScheme::SpecialCommandsBlock::create(Lua::Loader*) const {
-    return std::make_unique<wSpecialCommandsRuntime>(this);
+wSimulationBlockStateless* wSimulationSystemScheme::SpecialCommandsBlock::create(Lua::Loader*) const {
+    return new wSpecialCommandsRuntime(this);
 }
 
 const wLeadList& wSimulationSystemScheme::SpecialCommandsBlock::getInputPorts_() const {
@@ -116,8 +115,8 @@ wSimulationSystemScheme& wSimulationSystemScheme::operator=(const wSimulationSys
     return *this;
 }
 
-std::unique_ptr<wSimulationSystemScheme> wSimulationSystemScheme::clone() const {
-    return std::make_unique<wSimulationSystemScheme>(*this);
+wSimulationSystemScheme* wSimulationSystemScheme::clone() const {
+    return new wSimulationSystemScheme(*this);
 }
 
 void wSimulationSystemScheme::assignFrom_(const wSimulationSystemScheme& other) {
@@ -127,7 +126,7 @@ void wSimulationSystemScheme::assignFrom_(const wSimulationSystemScheme& other) 
     std::unordered_map<const wSimulationBlockDescriptor*, std::size_t> indexOf;
     indexOf.reserve(other.blocks_.size());
     for (std::size_t i = 0; i < other.blocks_.size(); ++i) {
-        std::unique_ptr<wSimulationBlockDescriptor> copy = other.blocks_[i]->clone();
+        std::unique_ptr<wSimulationBlockDescriptor> copy(other.blocks_[i]->clone());
         copy->setScheme(this);
         blocks.push_back(std::move(copy));
         indexOf.emplace(other.blocks_[i].get(), i);
@@ -153,7 +152,7 @@ void wSimulationSystemScheme::assignFrom_(const wSimulationSystemScheme& other) 
 
     InputOutputBlock io(other.ioBlock_);
     io.setScheme(this);
-    std::unique_ptr<wOdeSolverDescriptor> solver = other.solver_ ? other.solver_->clone() : nullptr;
+    std::unique_ptr<wOdeSolverDescriptor> solver(other.solver_ ? other.solver_->clone() : nullptr);
     zo::vector<int> onSchemeInput = other.onSchemeInput_, onSchemeOutput = other.onSchemeOutput_;
     zo::vector<int> onDiffInput = other.onDiffInput_, inDiff = other.inDiff_;
     zo::vector<zo::vector<int>> onInput = other.onInput_, onOutput = other.onOutput_;
@@ -219,6 +218,11 @@ wSimulationBlockDescriptor* wSimulationSystemScheme::addBlock(std::unique_ptr<wS
     if (!block->getName().empty() && getBlockByName(block->getName()) != nullptr)
         throw wSimulationException("Trying to add block with duplicate name: " + block->getName());
     return adoptBlock_(std::move(block));
+}
+
+wSimulationBlockDescriptor* wSimulationSystemScheme::addBlock(wSimulationBlockDescriptor* block) {
+    // Owned from here on: if the name is refused, the block goes with the exception.
+    return addBlock(std::unique_ptr<wSimulationBlockDescriptor>(block));
 }
 
 wSimulationBlockDescriptor* wSimulationSystemScheme::adoptBlock_(std::unique_ptr<wSimulationBlockDescriptor> block) {
@@ -349,9 +353,12 @@ void wSimulationSystemScheme::setOdeSolverDescriptor(std::unique_ptr<wOdeSolverD
     solver_ = std::move(descriptor);
 }
 
-std::unique_ptr<wSimulationSystem> wSimulationSystemScheme::instantiate(Lua::Loader* loader,
-                                                                       unsigned char* data) const {
-    return std::make_unique<wSimulationSystem>(this, loader, data);
+void wSimulationSystemScheme::setOdeSolverDescriptor(wOdeSolverDescriptor* descriptor) {
+    solver_.reset(descriptor);
+}
+
+wSimulationSystem* wSimulationSystemScheme::instantiate(Lua::Loader* loader, unsigned char* data) const {
+    return new wSimulationSystem(this, loader, data);
 }
 
 void wSimulationSystemScheme::debug_dump() const {

@@ -7,6 +7,7 @@
 // A load for running analyses the scheme (block order, loop check, index lists, memory
 // layout); after that the scheme is the read-only model of any number of simulation
 // systems made by instantiate().
+#include <cstddef>
 #include <memory>
 #include <string_view>
 
@@ -46,9 +47,9 @@ public:
 
         const zo::string& getClassName() const override;
         const zo::string& getBlockTypeName() const override;
-        std::unique_ptr<wSimulationBlockDescriptor> clone() const override;
+        wSimulationBlockDescriptor* clone() const override;
         // The I/O block has no runtime block of its own; always throws.
-        std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader*, wSimulationSystem*) const override;
+        wSimulationBlockDisc* create(Lua::Loader*, wSimulationSystem*) const override;
 
         // Throws "Duplicate IO lead: " + name.
         void addLead(bool isInput, bool isPort, const zo::string& name, eLeadType type);
@@ -76,8 +77,8 @@ public:
     public:
         const zo::string& getClassName() const override;
         const zo::string& getBlockTypeName() const override;
-        std::unique_ptr<wSimulationBlockDescriptor> clone() const override;
-        std::unique_ptr<wSimulationBlockStateless> create(Lua::Loader* loader) const override;
+        wSimulationBlockDescriptor* clone() const override;
+        wSimulationBlockStateless* create(Lua::Loader* loader) const override;
 
     protected:
         const wLeadList& getInputPorts_() const override;
@@ -90,10 +91,14 @@ public:
     // Copies clone every block and redirect the connections to the clones.
     wSimulationSystemScheme(const wSimulationSystemScheme& other);
     wSimulationSystemScheme& operator=(const wSimulationSystemScheme& other);
-    std::unique_ptr<wSimulationSystemScheme> clone() const;
+    // A new copy, owned by the caller.
+    wSimulationSystemScheme* clone() const;
 
     // ---- Blocks
-    // Takes ownership; throws "Trying to add block with duplicate name: " + name.
+    // Appends a block and returns it. The scheme owns the block from the call on, also
+    // when the call throws "Trying to add block with duplicate name: " + name: the refused
+    // block is then destroyed, so the caller never deletes what it passed in.
+    wSimulationBlockDescriptor* addBlock(wSimulationBlockDescriptor* block);
     wSimulationBlockDescriptor* addBlock(std::unique_ptr<wSimulationBlockDescriptor> block);
     // Destroys the block; connections that name it are the caller's to remove first.
     void removeBlock(wSimulationBlockDescriptor* block);
@@ -131,7 +136,10 @@ public:
     const wLeadList& getIOLeads(bool isInput, bool isPort) const { return ioBlock_.getLeads(isInput, isPort); }
 
     // ---- Solver
+    // Destroys the current descriptor and owns the new one (null for none) from the call on.
+    void setOdeSolverDescriptor(wOdeSolverDescriptor* descriptor);
     void setOdeSolverDescriptor(std::unique_ptr<wOdeSolverDescriptor> descriptor);
+    void setOdeSolverDescriptor(std::nullptr_t) { setOdeSolverDescriptor(static_cast<wOdeSolverDescriptor*>(nullptr)); }
     wOdeSolverDescriptor* getOdeSolverDescriptor() const { return solver_.get(); }
 
     // ---- Files
@@ -174,10 +182,11 @@ public:
     int getDiffMemorySize() const { return diffMemorySize_; }  // bytes of continuous state
     int getDiffMemoryOffset() const { return diffMemoryOffset_; }
 
-    // A new running system of this analysed scheme. `data`: the host's data area of
-    // getMemorySize() bytes from wSimulationSystem::allocateData (ownership passes to the
-    // system), or null for a zeroed one.
-    std::unique_ptr<wSimulationSystem> instantiate(Lua::Loader* loader = nullptr, unsigned char* data = nullptr) const;
+    // A new running system of this analysed scheme, owned by the caller; the scheme must
+    // outlive it. `data`: the host's data area of getMemorySize() bytes from
+    // wSimulationSystem::allocateData (ownership passes to the system, also when this
+    // throws), or null for a zeroed one.
+    wSimulationSystem* instantiate(Lua::Loader* loader = nullptr, unsigned char* data = nullptr) const;
 
     void debug_dump() const;
 

@@ -297,14 +297,13 @@ void wBlockSubsystemDescriptor::addParameter_(Lua::Loader* loader, const zo::str
     for (; entered > 0; --entered) loader->endSubtable();
 }
 
-std::unique_ptr<wSimulationBlockDisc> wBlockSubsystemDescriptor::create(Lua::Loader* loader,
-                                                                         wSimulationSystem* system) const {
+wSimulationBlockDisc* wBlockSubsystemDescriptor::create(Lua::Loader* loader, wSimulationSystem* system) const {
     if (!loaded_) {
         zo::string message = "Subsystem block " + nameOf(*this) + " has no scheme";
         if (!loadError_.empty()) message += ": " + loadError_;
         throw wSimulationException(std::move(message));
     }
-    return std::make_unique<wBlockSubsystem>(this, system, loader);
+    return new wBlockSubsystem(this, system, loader);
 }
 
 void wBlockSubsystemDescriptor::debug_dump() const {
@@ -355,7 +354,7 @@ wOutputPortBase* wBlockSubsystem::getOutputPort(std::string_view name) {
         if (c.isPort && c.to == &scheme.getIOBlock() && c.toLead == name) return nested_.getOutputPort(name, false);
     // Nothing does. The nested system answers with a placeholder shared by the whole
     // process; connections to it would pile up there, so this block keeps a silent port.
-    unfedOutputs_.push_back(leadCreator(outputs[static_cast<std::size_t>(j)].type).createOutputPort());
+    unfedOutputs_.emplace_back(leadCreator(outputs[static_cast<std::size_t>(j)].type).createOutputPort());
     return unfedOutputs_.back().get();
 }
 

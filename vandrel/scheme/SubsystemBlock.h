@@ -55,7 +55,7 @@ public:
     void serialize(wBlockSerializer& s) override;
     // A system running the nested scheme in `system`'s data area. Throws when the block
     // has no nested scheme.
-    std::unique_ptr<wSimulationBlockDisc> create(Lua::Loader* loader, wSimulationSystem* system) const override;
+    wSimulationBlockDisc* create(Lua::Loader* loader, wSimulationSystem* system) const override;
 
     // "filename" (the nested file's name, a string) first, then the additional parameters:
     // references, so editing them edits the block.
