@@ -1,4 +1,4 @@
-// The editor-side commands: check, blocks, fmt, dump.
+// The editor-side commands: blocks, fmt, dump (check has its own file).
 #include "Commands.h"
 
 #include <cstdio>
@@ -48,9 +48,13 @@ std::unique_ptr<wSimulationSystemScheme> loadSchemeForRun(const std::string& fil
     if (overrides.empty()) table.createGlobalTable("overrides");
     else table.load(overrides, "overrides");
     scheme->loadForRuntime(file, &table);
-    // An override that changes nothing is almost always a misspelt name.
-    for (const zo::string& w : scheme->getLoadWarnings())
-        std::cerr << "vandrel: warning: " << (overrides.empty() ? file : overrides) << ": " << printable(w) << "\n";
+    // An override that changes nothing, or an entry of the file that nothing reads, is
+    // almost always a misspelt name. Warnings about the file name the file themselves.
+    for (const zo::string& w : scheme->getLoadWarnings()) {
+        std::cerr << "vandrel: warning: ";
+        if (w.starts_with("overrides")) std::cerr << (overrides.empty() ? file : overrides) << ": ";
+        std::cerr << printable(w) << "\n";
+    }
     return scheme;
 }
 
@@ -65,17 +69,6 @@ void applyResourceLimits(double maxBlockMib, double maxSchemeMib) {
     if (maxBlockMib != 0) limits.maxBlockBytes = bytes("--max-block-mib", maxBlockMib);
     if (maxSchemeMib != 0) limits.maxSchemeBytes = bytes("--max-scheme-mib", maxSchemeMib);
     setResourceLimits(limits);
-}
-
-int checkCommand(const std::string& file, const std::string& overrides) {
-    auto scheme = loadSchemeForRun(file, overrides);
-    auto system = scheme->instantiate();
-    std::cout << "OK: " << file << ": " << scheme->getBlocksCount() << " blocks ("
-              << scheme->getStatelessBlocksCount() << " stateless, " << scheme->getDiffBlocksCount()
-              << " continuous, " << scheme->getDiscreteBlocksCount() << " discrete), "
-              << scheme->getConnections().size() << " connections, data area "
-              << scheme->getMemorySize() << " bytes\n";
-    return kExitOk;
 }
 
 int blocksCommand(bool verbose) {
@@ -204,13 +197,6 @@ int fmtCommand(const std::string& file, const std::string& out, bool check, bool
                                         "." + target.filename().string() + ".", ".tmp")};
     scheme.save(scratch.path);
     const std::string original = readFile(file), canonical = readFile(scratch.path);
-    if (check) {
-        if (canonical != original) {
-            std::cerr << "vandrel: " << file << " is not in canonical form\n";
-            return kExitError;
-        }
-        return discarded.empty() ? kExitOk : kExitError;
-    }
 
     // What the rewrite would lose: connections that cannot be made, entries the scheme
     // model does not know (misspelt parameters and keys), and comments.
@@ -232,6 +218,11 @@ int fmtCommand(const std::string& file, const std::string& out, bool check, bool
         losses.push_back("its comments would be dropped (the first is on line " + std::to_string(line) + ")");
 
     for (const std::string& l : losses) std::cerr << "vandrel: " << file << ": " << printable(l) << "\n";
+    // --check says what a rewrite would change and lose, and writes nothing.
+    if (check) {
+        if (canonical != original) std::cerr << "vandrel: " << file << " is not in canonical form\n";
+        return canonical == original && losses.empty() ? kExitOk : kExitError;
+    }
     if (!losses.empty() && !force) {
         std::cerr << "vandrel: " << file << ": not rewritten; fix it, or pass --force to write the canonical form"
                   << " without what it cannot keep\n";

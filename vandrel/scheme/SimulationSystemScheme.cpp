@@ -208,6 +208,7 @@ void wSimulationSystemScheme::clear_() {
     rootDir_.clear();
     fileName_.clear();
     loadWarnings_.clear();
+    fileOrder_.clear();
     clearAnalysis_();
 }
 
