@@ -62,6 +62,8 @@ TEST_F(Check, ReportsPeriodsOrderUnreadEntriesAndSummary) {
          " (Ramp block) at simulation_scheme.blocks[2], and both run at t = 0 and every 1 s; r2 runs after r1, so r1"
          " reads the value from before each of those instants: list r2 before r1 in simulation_scheme.blocks if it"
          " should read the new one\n";
+    std::string misspelt = ramps(fast, slow);
+    misspelt.replace(misspelt.find("\"target\""), 8, "\"targt\"");
     const Case cases[] = {
         {ramps(fast, slow), 0, summary, order},
         {ramps(fast, "dt = { value = 0 }, slope = { value = 2 }"), 1, "",
@@ -75,6 +77,9 @@ TEST_F(Check, ReportsPeriodsOrderUnreadEntriesAndSummary) {
         {ramps("dt = { value = 0.5 }, slop = { value = 1 }", slow), 1, "",
          "vandrel: Error while loading F: simulation_scheme.blocks[1].__parameters.slope is missing: block r1 needs"
          " its parameter slope, as slope = { value = ... }; is slop meant to be slope?\n"},
+        {misspelt, 1, "",
+         "vandrel: Error while loading F: Block 1 has no input targt: the input wires of block r2 (Ramp block) at"
+         " simulation_scheme.blocks[2] are target (double); did you mean target? (at simulation_scheme.connections[1])\n"},
         {kLag, 0,
          "OK: F: 1 blocks (0 stateless, 1 continuous, 0 discrete), 3 connections, data area 24 bytes\n"
          "  continuous: 1 I (dbl)\n"
@@ -94,6 +99,19 @@ TEST_F(Check, ReportsPeriodsOrderUnreadEntriesAndSummary) {
         EXPECT_EQ(local(r.out), c.out) << c.text;
         EXPECT_EQ(local(r.err), c.err) << c.text;
     }
+}
+
+TEST_F(Check, FmtCheckSaysWhatARewriteWouldLose) {
+    const std::string file =
+        write("scheme.lua", "-- a ramp\n" + ramps("dt = { value = 0.5 }, slope = { value = 1 }, slop = { value = 2 }",
+                                                  "dt = { value = 1 }, slope = { value = 2 }"))
+            .string();
+    const testutil::CliResult r = run("fmt --check " + file);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "vandrel: " + file + ": simulation_scheme.blocks[1].__parameters.slop = a table would be dropped\n" +
+                         "vandrel: " + file + ": its comments would be dropped (the first is on line 1)\n" +
+                         "vandrel: " + file + " is not in canonical form\n");
+    EXPECT_EQ(testutil::slurp(file).rfind("-- a ramp\n", 0), 0u);  // --check writes nothing
 }
 
 }  // namespace
