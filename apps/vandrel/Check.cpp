@@ -50,41 +50,42 @@ double commonPeriod(double a, double b) {
 // Discrete blocks that read, at an instant when both run, a wire that a discrete block
 // running after them writes at that instant: they see the value from before it.
 std::vector<std::string> orderWarnings(const wSimulationSystemScheme& s) {
-    std::vector<std::string> warnings;
     const int n = s.getDiscreteBlocksCount();
-    for (int a = 0; a < n; ++a) {
-        const wSimulationBlockDescriptor& reader = *s.getBlocks()[static_cast<std::size_t>(s.getDiscreteBlockIndex(a))];
-        const std::optional<double> pa = periodOf(reader);
-        if (!pa || !(*pa > 0)) continue;
-        const zo::vector<int>& upstream = s.getStatelessBlocksOnInput(a);
-        for (int b = a + 1; b < n; ++b) {
-            const int writerIndex = s.getDiscreteBlockIndex(b);
-            const wSimulationBlockDescriptor& writer = *s.getBlocks()[static_cast<std::size_t>(writerIndex)];
-            const std::optional<double> pb = periodOf(writer);
-            if (!pb || !(*pb > 0)) continue;
-            // The writer's wire that leads to the reader, straight or through stateless blocks.
-            const wSimulationSystemScheme::Connection* via = nullptr;
-            for (const auto& c : s.getConnections()) {
-                if (c.isPort || c.from != &writer) continue;
-                const int target = s.indexOfBlock(c.to);
-                const bool stateless = target < s.getStatelessBlocksCount() &&
-                                       std::find(upstream.begin(), upstream.end(), target) != upstream.end();
-                if (c.to == &reader || stateless) {
-                    via = &c;
-                    break;
-                }
-            }
-            if (via == nullptr) continue;
-            const double common = commonPeriod(*pa, *pb);
-            std::ostringstream w;
-            w << label(s, reader) << " reads the wire " << via->fromLead << " of " << label(s, writer)
-              << (via->to == &reader ? "" : " through stateless blocks") << ", and both run at t = 0";
-            if (common > 0) w << " and every " << doubleToString(common) << " s";
-            w << "; " << writer.getName() << " runs after " << reader.getName() << ", so " << reader.getName()
-              << " reads the value from before each of those instants: list " << writer.getName() << " before "
-              << reader.getName() << " in simulation_scheme.blocks if it should read the new one";
-            warnings.push_back(w.str());
-        }
+    // Run position of each discrete block, and the discrete blocks each stateless block feeds.
+    std::map<const wSimulationBlockDescriptor*, int> position;
+    for (int d = 0; d < n; ++d) position.emplace(s.getBlocks()[static_cast<std::size_t>(s.getDiscreteBlockIndex(d))].get(), d);
+    std::vector<std::vector<int>> readersOf(static_cast<std::size_t>(s.getStatelessBlocksCount()));
+    for (int d = 0; d < n; ++d)
+        for (int stateless : s.getStatelessBlocksOnInput(d)) readersOf[static_cast<std::size_t>(stateless)].push_back(d);
+
+    // (reader, writer) -> the writer's wire that leads to the reader, straight or not.
+    std::map<std::pair<int, int>, const wSimulationSystemScheme::Connection*> pairs;
+    for (const auto& c : s.getConnections()) {
+        const auto writer = position.find(c.from);
+        if (c.isPort || writer == position.end()) continue;
+        std::vector<int> readers;
+        if (const auto reader = position.find(c.to); reader != position.end()) readers.push_back(reader->second);
+        const int target = s.indexOfBlock(c.to);
+        if (target < s.getStatelessBlocksCount()) readers = readersOf[static_cast<std::size_t>(target)];
+        for (int reader : readers)
+            if (reader < writer->second) pairs.emplace(std::make_pair(reader, writer->second), &c);
+    }
+
+    std::vector<std::string> warnings;
+    for (const auto& [pair, via] : pairs) {
+        const wSimulationBlockDescriptor& reader = *s.getBlocks()[static_cast<std::size_t>(s.getDiscreteBlockIndex(pair.first))];
+        const wSimulationBlockDescriptor& writer = *s.getBlocks()[static_cast<std::size_t>(s.getDiscreteBlockIndex(pair.second))];
+        const std::optional<double> pa = periodOf(reader), pb = periodOf(writer);
+        if (!pa || !pb || !(*pa > 0) || !(*pb > 0)) continue;
+        const double common = commonPeriod(*pa, *pb);
+        std::ostringstream w;
+        w << label(s, reader) << " reads the wire " << via->fromLead << " of " << label(s, writer)
+          << (via->to == &reader ? "" : " through stateless blocks") << ", and both run at t = 0";
+        if (common > 0) w << " and every " << doubleToString(common) << " s";
+        w << "; " << writer.getName() << " runs after " << reader.getName() << ", so " << reader.getName()
+          << " reads the value from before each of those instants: list " << writer.getName() << " before "
+          << reader.getName() << " in simulation_scheme.blocks if it should read the new one";
+        warnings.push_back(w.str());
     }
     return warnings;
 }

@@ -64,6 +64,15 @@ TEST_F(Check, ReportsPeriodsOrderUnreadEntriesAndSummary) {
          " should read the new one\n";
     std::string misspelt = ramps(fast, slow);
     misspelt.replace(misspelt.find("\"target\""), 8, "\"targt\"");
+    // r2 reaches r1 through a sum instead.
+    std::string throughSum = ramps(fast, slow);
+    const std::string direct = "{ output_block = 1, output_lead = \"output\", input_block = 0, input_lead = \"target\", port = false },";
+    throughSum.replace(throughSum.find(direct), direct.size(),
+                       "{ output_block = 1, output_lead = \"output\", input_block = 2, input_lead = \"a\", port = false },\n"
+                       "{ output_block = 2, output_lead = \"output\", input_block = 0, input_lead = \"target\", port = false },");
+    throughSum.replace(throughSum.find("  },\n  io"), 0,
+                       "    { __name = \"s\", __type = \"wBlockSummatorDescriptor<double>\", __parameters = {},"
+                       " inputs = { { name = \"a\", coeff = 1 } } },\n");
     const Case cases[] = {
         {ramps(fast, slow), 0, summary, order},
         {ramps(fast, "dt = { value = 0 }, slope = { value = 2 }"), 1, "",
@@ -80,6 +89,20 @@ TEST_F(Check, ReportsPeriodsOrderUnreadEntriesAndSummary) {
         {misspelt, 1, "",
          "vandrel: Error while loading F: Block 1 has no input targt: the input wires of block r2 (Ramp block) at"
          " simulation_scheme.blocks[2] are target (double); did you mean target? (at simulation_scheme.connections[1])\n"},
+        {throughSum, 0,
+         "OK: F: 3 blocks (1 stateless, 0 continuous, 2 discrete), 4 connections, data area 32 bytes\n"
+         "  stateless: 1 Sum (dbl)\n"
+         "  discrete: 2 Ramp block\n"
+         "  connections: 4 wires, 0 ports; scheme 1 input wires, 1 output wires, 0 input ports, 0 output ports\n"
+         "  states: 0 continuous; 0 bytes of discrete state\n"
+         "  discrete blocks, in the order they run at one instant:\n"
+         "    1. r1 (Ramp block) every 0.5 s\n"
+         "    2. r2 (Ramp block) every 1 s\n"
+         "  solver: none (no continuous blocks)\n",
+         "vandrel: warning: F: block r1 (Ramp block) at simulation_scheme.blocks[1] reads the wire output of block r2"
+         " (Ramp block) at simulation_scheme.blocks[2] through stateless blocks, and both run at t = 0 and every 1 s;"
+         " r2 runs after r1, so r1 reads the value from before each of those instants: list r2 before r1 in"
+         " simulation_scheme.blocks if it should read the new one\n"},
         {kLag, 0,
          "OK: F: 1 blocks (0 stateless, 1 continuous, 0 discrete), 3 connections, data area 24 bytes\n"
          "  continuous: 1 I (dbl)\n"

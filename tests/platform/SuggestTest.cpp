@@ -67,17 +67,17 @@ TEST(LuaLoader, ReportsWhatALoadNeverAskedFor) {
     EXPECT_FALSE(l.hasEntry("z"));          // asking for what is not there counts as asking
     std::string report;
     for (const Lua::Loader::UnreadEntry& e : l.getUnreadEntries()) {
-        report += e.path + " " + e.key + " " + e.valueType + " [";
+        report += e.path + " " + e.parent + " " + e.key + " " + e.valueType + " [";
         for (const zo::string& a : e.asked) report += a + " ";
         report += "]\n";
     }
     EXPECT_EQ(report,
-              "t[7] [7] number [a arr b h z ]\n"
-              "t.arr[4] [4] table []\n"
-              "t.b.d d number [c ]\n"
-              "t.e e table [a arr b h z ]\n"
-              "t.g g table [a arr b h z ]\n"
-              "t.h.i i boolean []\n");
+              "t[7] t [7] number [a arr b h z ]\n"
+              "t.arr[4] t.arr [4] table []\n"
+              "t.b.d t.b d number [c ]\n"
+              "t.e t e table [a arr b h z ]\n"
+              "t.g t g table [a arr b h z ]\n"
+              "t.h.i t.h i boolean []\n");
     // Without tracking, or after a new load, nothing is recorded.
     l.trackReads(false);
     EXPECT_TRUE(l.getUnreadEntries().empty());

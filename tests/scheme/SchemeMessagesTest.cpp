@@ -181,6 +181,8 @@ TEST(SchemeMessages, WhatALoadDoesNotReadIsReported) {
     const std::pair<std::string, std::string> cases[] = {
         {"simulation_scheme.colour = 1",
          "simulation_scheme.colour was not read: a scheme file holds blocks, solver, io and connections"},
+        {"simulation_scheme['my key'] = 1",
+         "simulation_scheme[\"my key\"] was not read: a scheme file holds blocks, solver, io and connections"},
         {"simulation_scheme.block = {}",
          "simulation_scheme.block was not read: a scheme file holds blocks, solver, io and connections; did you mean"
          " blocks?"},

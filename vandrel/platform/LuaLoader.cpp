@@ -700,7 +700,8 @@ struct UnreadWalk {
             if (wasAsked) {
                 if (lua_istable(L, -1)) walk(childPath);
             } else {
-                out.push_back(Loader::UnreadEntry{childPath, c.byIndex ? "[" + std::to_string(c.index) + "]" : c.name,
+                out.push_back(Loader::UnreadEntry{childPath, path,
+                                                  c.byIndex ? "[" + std::to_string(c.index) + "]" : c.name,
                                                   lua_typename(L, lua_type(L, -1)), asked->second});
             }
             lua_pop(L, 1);

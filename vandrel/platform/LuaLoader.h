@@ -115,6 +115,7 @@ public:
     void trackReads(bool on);
     struct UnreadEntry {
         zo::string path;               // full path of the entry, as formatPath gives it
+        zo::string parent;             // path of the table it is in
         zo::string key;                // the key itself (a name, or "[n]" for an index)
         zo::string valueType;          // Lua type name of its value
         zo::vector<zo::string> asked;  // names asked for in the same table, sorted

@@ -385,7 +385,7 @@ zo::vector<zo::string> unreadWarnings(const Lua::Loader& loader, const wSimulati
     const zo::string top = loader.getGlobalName();
     zo::vector<zo::string> warnings;
     for (const Lua::Loader::UnreadEntry& e : loader.getUnreadEntries()) {
-        const zo::string parent = e.path.substr(0, e.path.size() - e.key.size() - (e.key.starts_with("[") ? 0 : 1));
+        const zo::string& parent = e.parent;
         zo::string why;
         // Whose entry is it: a block, the parameters of a block, a connection, the top level.
         const wSimulationBlockDescriptor* block = nullptr;
