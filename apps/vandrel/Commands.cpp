@@ -1,7 +1,9 @@
 // The editor-side commands: blocks, fmt, dump (check has its own file).
 #include "Commands.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <string_view>
 #include <vector>
 #include <filesystem>
@@ -14,6 +16,7 @@
 #include "Csv.h"
 #include "Files.h"
 #include "vandrel/platform/LuaCompare.h"
+#include "vandrel/platform/Suggest.h"
 #include "vandrel/vandrel.h"
 
 namespace host {
@@ -179,6 +182,28 @@ struct ScratchFile {
 
 }  // namespace
 
+namespace {
+
+// For a dropped parameter table: that the block has no such parameter, and the one
+// probably meant. An editing load keeps the blocks in file order.
+std::string parameterHint(wSimulationSystemScheme& scheme, std::string_view path) {
+    constexpr std::string_view prefix = "simulation_scheme.blocks[";
+    constexpr std::string_view parameters = "].__parameters.";
+    const std::size_t close = path.find(parameters);
+    if (!path.starts_with(prefix) || close == std::string_view::npos) return {};
+    const std::string name(path.substr(close + parameters.size()));
+    const int position = std::atoi(std::string(path.substr(prefix.size(), close - prefix.size())).c_str());
+    if (position < 1 || position > scheme.getBlocksCount() || name.find_first_of(".[") != std::string::npos) return {};
+    wSimulationBlockDescriptor& block = *scheme.getBlocks()[static_cast<std::size_t>(position - 1)];
+    zo::vector<zo::string> names;
+    for (const wBlockParameterContainer& p : block.getParametersList()) names.push_back(p.getName());
+    if (std::find(names.begin(), names.end(), name) != names.end()) return {};
+    return ": block " + block.getName() + " (" + block.getBlockTypeName() + ") has no parameter " + name +
+           Text::didYouMean(name, names);
+}
+
+}  // namespace
+
 int fmtCommand(const std::string& file, const std::string& out, bool check, bool force) {
     wSimulationSystemScheme scheme;
     zo::vector<int> discarded;
@@ -212,7 +237,8 @@ int fmtCommand(const std::string& file, const std::string& out, bool check, bool
         if (!discarded.empty() && e.path.starts_with("simulation_scheme.connections")) continue;
         losses.push_back(std::string(e.path) + (e.after.empty() ? " = " + std::string(e.before) + " would be dropped"
                                                                 : " would change from " + std::string(e.before) +
-                                                                      " to " + std::string(e.after)));
+                                                                      " to " + std::string(e.after)) +
+                         parameterHint(scheme, e.path));
     }
     if (const int line = firstCommentLine(original))
         losses.push_back("its comments would be dropped (the first is on line " + std::to_string(line) + ")");

@@ -131,7 +131,8 @@ TEST_F(Check, FmtCheckSaysWhatARewriteWouldLose) {
             .string();
     const testutil::CliResult r = run("fmt --check " + file);
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "vandrel: " + file + ": simulation_scheme.blocks[1].__parameters.slop = a table would be dropped\n" +
+    EXPECT_EQ(r.err, "vandrel: " + file + ": simulation_scheme.blocks[1].__parameters.slop = a table would be dropped: block r1"
+                         " (Ramp block) has no parameter slop; did you mean slope?\n" +
                          "vandrel: " + file + ": its comments would be dropped (the first is on line 1)\n" +
                          "vandrel: " + file + " is not in canonical form\n");
     EXPECT_EQ(testutil::slurp(file).rfind("-- a ramp\n", 0), 0u);  // --check writes nothing
