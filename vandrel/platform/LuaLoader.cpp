@@ -469,7 +469,6 @@ double Loader::getWhole_(const Key& key, const char* operation, double low, doub
     const int type = lua_type(L_, -1);
     const double value = type == LUA_TNUMBER ? lua_tonumber(L_, -1) : 0.0;
     lua_pop(L_, 1);
-    (void)operation;
     if (type == LUA_TNIL) missing_(key, "a whole number");
     if (type != LUA_TNUMBER) wrongType_(key, "a whole number", type);
     if (!std::isfinite(value) || value != std::floor(value))

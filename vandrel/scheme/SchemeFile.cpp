@@ -13,9 +13,9 @@
 // descriptors, the solver table to the solver registry.
 #include <algorithm>
 #include <cstdlib>
+#include <map>
 #include <new>
 #include <ostream>
-#include <map>
 #include <set>
 #include <string>
 #include <string_view>
@@ -372,10 +372,10 @@ zo::string continuousBlocks(const wSimulationSystemScheme::BlockList& blocks) {
     return Text::listNames(names, 4);
 }
 
-zo::string solverKinds() {
+zo::vector<zo::string> solverKinds() {
     zo::vector<zo::string> kinds;
     for (const auto& [key, description] : wOdeSolversFactory::instance()->getKeysDescriptions()) kinds.push_back(key);
-    return Text::listNames(kinds);
+    return kinds;
 }
 
 // What a running load did not read, as warnings naming the file and the entry, each with
@@ -494,11 +494,9 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
                 zo::string type;
                 if (!loader.tryGetString("__type", &type) || zo::string(e.what()) != "Unknown ODE solver type: " + type)
                     throw;
-                zo::vector<zo::string> kinds;
-                for (const auto& [key, description] : wOdeSolversFactory::instance()->getKeysDescriptions())
-                    kinds.push_back(key);
+                const zo::vector<zo::string> kinds = solverKinds();
                 throw wSimulationException(zo::string(e.what()) + Text::didYouMean(type, kinds) + " (at " +
-                                           where + ".__type; the kinds are " + solverKinds() + ")");
+                                           where + ".__type; the kinds are " + Text::listNames(kinds) + ")");
             }
             loader.endSubtable();
             // A step that cannot integrate is refused here, with its place in the file,
