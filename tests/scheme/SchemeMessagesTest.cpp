@@ -220,6 +220,27 @@ TEST(SchemeMessages, WhatALoadDoesNotReadIsReported) {
     EXPECT_TRUE(clean.scheme->getLoadWarnings().empty());
 }
 
+TEST(SchemeMessages, WhatANestedFileDoesNotReadIsReportedOnce) {
+    const auto dir = testutil::freshDir();
+    SchemeText inner;
+    inner.block("g", "TestGain", "k = { value = 2 }", "colour = 'red'");
+    inner.inputWire("u", LEAD_DOUBLE, 0, "in");
+    inner.outputWire(0, "out", "y", LEAD_DOUBLE);
+    testutil::writeFile(dir / "inner.sch", inner.text());
+    SchemeText outer;
+    for (const char* name : {"a", "b"})
+        outer.block(name, "wBlockSubsystemDescriptor", "filename = { value = 'inner' }", "template_scheme = 'inner'");
+    outer.inputWire("v", LEAD_DOUBLE, 0, "u");
+    outer.wire(kIO, "v", 1, "u");
+    outer.outputWire(0, "y", "y", LEAD_DOUBLE);
+    wSimulationSystemScheme s;
+    s.loadForRuntime(testutil::writeFile(dir / "outer.lua", outer.text()));
+    EXPECT_EQ(testing::PrintToString(s.getLoadWarnings()),
+              testing::PrintToString(zo::vector<zo::string>{
+                  (dir / "inner.sch").string() +
+                  ": simulation_scheme.blocks[1].colour was not read: block g (TestGain) does not use the key colour"}));
+}
+
 TEST(SchemeMessages, AScheduleThatNeverAdvancesNamesTheBlock) {
     testutil::Running r(with([](SchemeText& t) {
         fed(t);

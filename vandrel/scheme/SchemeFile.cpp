@@ -549,10 +549,14 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
             if (log.enabled(LOG_WARNINGS))
                 for (const zo::string& w : unread) log << wSimulationLogger::Indenter() << "Warning: " << w << std::endl;
             loadWarnings_.insert(loadWarnings_.end(), unread.begin(), unread.end());
+            // A file used by several subsystem blocks says what it lacks once.
+            std::unordered_set<std::string_view> seen(loadWarnings_.begin(), loadWarnings_.end());
+            zo::vector<zo::string> nestedWarnings;
             for (const auto& b : blocks_)
                 if (const wSimulationSystemScheme* nested = b->getNestedScheme())
-                    loadWarnings_.insert(loadWarnings_.end(), nested->getLoadWarnings().begin(),
-                                         nested->getLoadWarnings().end());
+                    for (const zo::string& w : nested->getLoadWarnings())
+                        if (seen.insert(w).second) nestedWarnings.push_back(w);
+            loadWarnings_.insert(loadWarnings_.end(), nestedWarnings.begin(), nestedWarnings.end());
             // Analysis messages name blocks by their place in the file.
             fileOrder_.clear();
             for (const auto& b : blocks_) fileOrder_.push_back(b.get());
