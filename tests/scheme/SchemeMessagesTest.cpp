@@ -221,6 +221,7 @@ TEST(SchemeMessages, WhatALoadDoesNotReadIsReported) {
 }
 
 TEST(SchemeMessages, WhatANestedFileDoesNotReadIsReportedOnce) {
+    testblocks::registerAll();
     const auto dir = testutil::freshDir();
     SchemeText inner;
     inner.block("g", "TestGain", "k = { value = 2 }", "colour = 'red'");
@@ -239,6 +240,15 @@ TEST(SchemeMessages, WhatANestedFileDoesNotReadIsReportedOnce) {
               testing::PrintToString(zo::vector<zo::string>{
                   (dir / "inner.sch").string() +
                   ": simulation_scheme.blocks[1].colour was not read: block g (TestGain) does not use the key colour"}));
+
+    // An error in the nested file names both files and both entries.
+    inner.block("x", "TestGian");
+    testutil::writeFile(dir / "inner.sch", inner.text());
+    const std::string outerFile = (dir / "outer.lua").string(), innerFile = (dir / "inner.sch").string();
+    EXPECT_EQ(messageOf([&] { s.loadForRuntime(outerFile); }),
+              "Error while loading " + outerFile + ": Cannot load subsystem block a: Error while loading " + innerFile +
+                  ": Block TestGian not found; did you mean TestGain? (at simulation_scheme.blocks[2]) (at"
+                  " simulation_scheme.blocks[1])");
 }
 
 TEST(SchemeMessages, AScheduleThatNeverAdvancesNamesTheBlock) {

@@ -358,9 +358,11 @@ wSimulationException blockFailure(const wSimulationException& e, const Lua::Load
         }
         message += hint;
     }
-    // Messages of the serializer name the entry already.
+    // Messages of the serializer name the entry already (those of a nested file name
+    // entries of that file).
     const zo::string where = "simulation_scheme.blocks[" + std::to_string(position) + "]";
-    if (message.find(where) != zo::string::npos) return wSimulationException(message);
+    if (message.find(where + ".") != zo::string::npos && message.find("Error while loading ") == zo::string::npos)
+        return wSimulationException(message);
     return wSimulationException(message + " (at " + where + ")");
 }
 
