@@ -1,6 +1,7 @@
 // Every message a scheme file can make a running load give, checked word for word: each
 // says where the fault is and what would fix it. Then the warnings about what a load does
-// not read, and the message of a schedule that never advances.
+// not read, in the file and in nested files, and the message of a schedule that never
+// advances.
 #include <gtest/gtest.h>
 
 #include "support/SchemeFiles.h"
