@@ -136,7 +136,13 @@ void printSummary(const std::string& file, const wSimulationSystemScheme& s, con
         std::cout << ")\n";
     }
     if (s.getDiscreteBlocksCount() > 0) std::cout << "  discrete blocks, in the order they run at one instant:\n";
+    // One screen: a long list is cut, saying how much is left out.
+    constexpr int kShown = 20;
     for (int d = 0; d < s.getDiscreteBlocksCount(); ++d) {
+        if (d == kShown) {
+            std::cout << "    ... and " << s.getDiscreteBlocksCount() - kShown << " more\n";
+            break;
+        }
         const wSimulationBlockDescriptor& b = *s.getBlocks()[static_cast<std::size_t>(s.getDiscreteBlockIndex(d))];
         const std::optional<double> period = periodOf(b);
         std::cout << "    " << d + 1 << ". " << printable(b.getName()) << " (" << printable(b.getBlockTypeName()) << ") "

@@ -124,6 +124,20 @@ TEST_F(Check, ReportsPeriodsOrderUnreadEntriesAndSummary) {
     }
 }
 
+TEST_F(Check, SummaryOfManyDiscreteBlocksFitsAScreen) {
+    std::string blocks;
+    for (int i = 1; i <= 21; ++i)
+        blocks += "{ __name = \"c" + std::to_string(i) + "\", __type = \"wBlockConstantsDescriptor\", values = {}, __parameters = {} },\n";
+    const std::string file = write("many.lua", "simulation_scheme = { blocks = {\n" + blocks +
+                                                   "}, io = { inputWires = {}, inputPorts = {}, outputWires = {},"
+                                                   " outputPorts = {} }, connections = {} }\n")
+                                 .string();
+    const testutil::CliResult r = run("check " + file);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("    20. c20 (Constants block) on its own schedule\n    ... and 1 more\n  solver"), std::string::npos)
+        << r.out;
+}
+
 TEST_F(Check, FmtCheckSaysWhatARewriteWouldLose) {
     const std::string file =
         write("scheme.lua", "-- a ramp\n" + ramps("dt = { value = 0.5 }, slope = { value = 1 }, slop = { value = 2 }",
