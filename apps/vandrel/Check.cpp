@@ -30,11 +30,28 @@ std::optional<double> periodOf(const wSimulationBlockDescriptor& d) {
     return std::nullopt;
 }
 
-// "block NAME (TYPE) at simulation_scheme.blocks[N]".
-std::string label(const wSimulationSystemScheme& s, const wSimulationBlockDescriptor& d) {
-    std::string text = "block " + d.getName() + " (" + d.getBlockTypeName() + ")";
+// "block NAME (TYPE) at simulation_scheme.blocks[N]"; a block of a nested scheme by its
+// path ("fast.limiter") and the nested file.
+std::string label(const wSimulationSystemScheme& s, const wSimulationBlockDescriptor& d, const std::string& path = "") {
+    std::string text = "block " + path + d.getName() + " (" + d.getBlockTypeName() + ")";
     if (const int i = s.getFileIndex(&d); i >= 0) text += " at simulation_scheme.blocks[" + std::to_string(i + 1) + "]";
+    if (!path.empty()) text += " of " + s.getFileName();
     return text;
+}
+
+// Discrete blocks, nested ones too, whose period is zero or negative: each would run again
+// at the same instant forever, and the run would stop with an error at its first step.
+void periodErrors(const wSimulationSystemScheme& s, const std::string& path, std::vector<std::string>& errors) {
+    for (int d = 0; d < s.getDiscreteBlocksCount(); ++d) {
+        const auto& b = *s.getBlocks()[static_cast<std::size_t>(s.getDiscreteBlockIndex(d))];
+        const std::optional<double> period = periodOf(b);
+        if (!period || (*period > 0 && std::isfinite(*period))) continue;
+        errors.push_back(label(s, b, path) + " has dt = " + doubleToString(*period) +
+                         ": a discrete block's period must be a positive number of seconds");
+    }
+    for (const auto& b : s.getBlocks())
+        if (const wSimulationSystemScheme* nested = b->getNestedScheme())
+            periodErrors(*nested, path + b->getName() + ".", errors);
 }
 
 // The first instant after 0 at which blocks of periods a and b both run again, or 0 when
@@ -165,20 +182,12 @@ int checkCommand(const std::string& file, const std::string& overrides) {
     auto scheme = loadSchemeForRun(file, overrides);
     auto system = scheme->instantiate();
 
-    // A period that is zero or negative would run the block again at the same instant
-    // forever; the run would stop with an error at its first step.
-    int errors = 0;
-    for (int d = 0; d < scheme->getDiscreteBlocksCount(); ++d) {
-        const auto& b = *scheme->getBlocks()[static_cast<std::size_t>(scheme->getDiscreteBlockIndex(d))];
-        const std::optional<double> period = periodOf(b);
-        if (!period || (*period > 0 && std::isfinite(*period))) continue;
-        std::cerr << "vandrel: " << file << ": " << printable(label(*scheme, b)) << " has dt = "
-                  << doubleToString(*period) << ": a discrete block's period must be a positive number of seconds\n";
-        ++errors;
-    }
+    std::vector<std::string> errors;
+    periodErrors(*scheme, "", errors);
+    for (const std::string& e : errors) std::cerr << "vandrel: " << file << ": " << printable(e) << "\n";
     for (const std::string& w : orderWarnings(*scheme))
         std::cerr << "vandrel: warning: " << file << ": " << printable(w) << "\n";
-    if (errors > 0) return kExitError;
+    if (!errors.empty()) return kExitError;
     printSummary(file, *scheme, *system);
     return kExitOk;
 }

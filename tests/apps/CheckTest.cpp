@@ -124,6 +124,18 @@ TEST_F(Check, ReportsPeriodsOrderUnreadEntriesAndSummary) {
     }
 }
 
+TEST_F(Check, RefusesAZeroPeriodInsideASubsystem) {
+    std::filesystem::copy_file(example("slew_limit.sch"), dir_ / "slew_limit.sch");
+    std::string outer = testutil::slurp(example("slew_limiters.lua"));
+    const std::string step = "[\"limiter.dt\"] = { value = 0.1 }";
+    outer.replace(outer.find(step), step.size(), "[\"limiter.dt\"] = { value = 0 }");
+    const testutil::CliResult r = run("check " + write("outer.lua", outer).string());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "vandrel: " + (dir_ / "outer.lua").string() + ": block fast.limiter (Ramp block) at"
+                     " simulation_scheme.blocks[1] of " + dir_.string() + "/slew_limit.sch has dt = 0: a discrete"
+                     " block's period must be a positive number of seconds\n");
+}
+
 TEST_F(Check, SummaryOfManyDiscreteBlocksFitsAScreen) {
     std::string blocks;
     for (int i = 1; i <= 21; ++i)
