@@ -137,7 +137,8 @@ TEST(LuaLoader, FailedLoadsNameTheFileAndLeaveNoTable) {
     const std::string missing = (dir / "missing.sch").string();
     EXPECT_EQ(failure([&] { l.load(missing, "s"); }), "Cannot open file: " + missing);
     for (auto action : {+[](Loader& x) { x.getInt("x"); }, +[](Loader& x) { x.getBoolean("x"); },
-                        +[](Loader& x) { x.getDouble("x"); }, +[](Loader& x) { x.beginSubtable("x"); }}) {
+                        +[](Loader& x) { x.getDouble("x"); }, +[](Loader& x) { x.beginSubtable("x"); },
+                        +[](Loader& x) { x.setVector("x", Vec3d(1, 2, 3)); }}) {
         const std::string m = failure([&] { action(l); });
         EXPECT_TRUE(m.rfind("s.x failed to Lua::Loader::", 0) == 0 && m.find(": no table is open") != std::string::npos) << m;
     }
