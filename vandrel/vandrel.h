@@ -12,6 +12,7 @@
 #include "vandrel/platform/MailStream.h"
 #include "vandrel/platform/Math.h"
 #include "vandrel/platform/String.h"
+#include "vandrel/platform/Suggest.h"
 
 // Block model: leads, wires, ports, parameters, descriptors and runtime blocks.
 #include "vandrel/core/BlockParameter.h"

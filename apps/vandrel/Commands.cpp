@@ -1,7 +1,9 @@
-// The editor-side commands: check, blocks, fmt, dump.
+// The editor-side commands: blocks, fmt, dump (check has its own file).
 #include "Commands.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <string_view>
 #include <vector>
 #include <filesystem>
@@ -14,6 +16,7 @@
 #include "Csv.h"
 #include "Files.h"
 #include "vandrel/platform/LuaCompare.h"
+#include "vandrel/platform/Suggest.h"
 #include "vandrel/vandrel.h"
 
 namespace host {
@@ -48,9 +51,13 @@ std::unique_ptr<wSimulationSystemScheme> loadSchemeForRun(const std::string& fil
     if (overrides.empty()) table.createGlobalTable("overrides");
     else table.load(overrides, "overrides");
     scheme->loadForRuntime(file, &table);
-    // An override that changes nothing is almost always a misspelt name.
-    for (const zo::string& w : scheme->getLoadWarnings())
-        std::cerr << "vandrel: warning: " << (overrides.empty() ? file : overrides) << ": " << printable(w) << "\n";
+    // An override that changes nothing, or an entry of the file that nothing reads, is
+    // almost always a misspelt name. Warnings about the file name the file themselves.
+    for (const zo::string& w : scheme->getLoadWarnings()) {
+        std::cerr << "vandrel: warning: ";
+        if (w.starts_with("overrides")) std::cerr << (overrides.empty() ? file : overrides) << ": ";
+        std::cerr << printable(w) << "\n";
+    }
     return scheme;
 }
 
@@ -65,17 +72,6 @@ void applyResourceLimits(double maxBlockMib, double maxSchemeMib) {
     if (maxBlockMib != 0) limits.maxBlockBytes = bytes("--max-block-mib", maxBlockMib);
     if (maxSchemeMib != 0) limits.maxSchemeBytes = bytes("--max-scheme-mib", maxSchemeMib);
     setResourceLimits(limits);
-}
-
-int checkCommand(const std::string& file, const std::string& overrides) {
-    auto scheme = loadSchemeForRun(file, overrides);
-    std::unique_ptr<wSimulationSystem> system(scheme->instantiate());
-    std::cout << "OK: " << file << ": " << scheme->getBlocksCount() << " blocks ("
-              << scheme->getStatelessBlocksCount() << " stateless, " << scheme->getDiffBlocksCount()
-              << " continuous, " << scheme->getDiscreteBlocksCount() << " discrete), "
-              << scheme->getConnections().size() << " connections, data area "
-              << scheme->getMemorySize() << " bytes\n";
-    return kExitOk;
 }
 
 int blocksCommand(bool verbose) {
@@ -186,6 +182,28 @@ struct ScratchFile {
 
 }  // namespace
 
+namespace {
+
+// For a dropped parameter table: that the block has no such parameter, and the one
+// probably meant. An editing load keeps the blocks in file order.
+std::string parameterHint(wSimulationSystemScheme& scheme, std::string_view path) {
+    constexpr std::string_view prefix = "simulation_scheme.blocks[";
+    constexpr std::string_view parameters = "].__parameters.";
+    const std::size_t close = path.find(parameters);
+    if (!path.starts_with(prefix) || close == std::string_view::npos) return {};
+    const std::string name(path.substr(close + parameters.size()));
+    const int position = std::atoi(std::string(path.substr(prefix.size(), close - prefix.size())).c_str());
+    if (position < 1 || position > scheme.getBlocksCount() || name.find_first_of(".[") != std::string::npos) return {};
+    wSimulationBlockDescriptor& block = *scheme.getBlocks()[static_cast<std::size_t>(position - 1)];
+    zo::vector<zo::string> names;
+    for (const wBlockParameterContainer& p : block.getParametersList()) names.push_back(p.getName());
+    if (std::find(names.begin(), names.end(), name) != names.end()) return {};
+    return ": block " + block.getName() + " (" + block.getBlockTypeName() + ") has no parameter " + name +
+           Text::didYouMean(name, names);
+}
+
+}  // namespace
+
 int fmtCommand(const std::string& file, const std::string& out, bool check, bool force) {
     wSimulationSystemScheme scheme;
     zo::vector<int> discarded;
@@ -204,13 +222,6 @@ int fmtCommand(const std::string& file, const std::string& out, bool check, bool
                                         "." + target.filename().string() + ".", ".tmp")};
     scheme.save(scratch.path);
     const std::string original = readFile(file), canonical = readFile(scratch.path);
-    if (check) {
-        if (canonical != original) {
-            std::cerr << "vandrel: " << file << " is not in canonical form\n";
-            return kExitError;
-        }
-        return discarded.empty() ? kExitOk : kExitError;
-    }
 
     // What the rewrite would lose: connections that cannot be made, entries the scheme
     // model does not know (misspelt parameters and keys), and comments.
@@ -226,12 +237,18 @@ int fmtCommand(const std::string& file, const std::string& out, bool check, bool
         if (!discarded.empty() && e.path.starts_with("simulation_scheme.connections")) continue;
         losses.push_back(std::string(e.path) + (e.after.empty() ? " = " + std::string(e.before) + " would be dropped"
                                                                 : " would change from " + std::string(e.before) +
-                                                                      " to " + std::string(e.after)));
+                                                                      " to " + std::string(e.after)) +
+                         parameterHint(scheme, e.path));
     }
     if (const int line = firstCommentLine(original))
         losses.push_back("its comments would be dropped (the first is on line " + std::to_string(line) + ")");
 
     for (const std::string& l : losses) std::cerr << "vandrel: " << file << ": " << printable(l) << "\n";
+    // --check says what a rewrite would change and lose, and writes nothing.
+    if (check) {
+        if (canonical != original) std::cerr << "vandrel: " << file << " is not in canonical form\n";
+        return canonical == original && losses.empty() ? kExitOk : kExitError;
+    }
     if (!losses.empty() && !force) {
         std::cerr << "vandrel: " << file << ": not rewritten; fix it, or pass --force to write the canonical form"
                   << " without what it cannot keep\n";

@@ -280,7 +280,9 @@ TEST(StatelessBlocks, ConstantsFromCreationAndFromOverrides) {
         EXPECT_EQ(sys.getOutput<int>("u"), 42);
     }
     EXPECT_EQ(sys.getSchemeStateDataSize(), 0);  // no state, but an empty saveable one
-    EXPECT_EQ(testutil::loadError(s.text()), "Parameter not defined: k.u");
+    EXPECT_EQ(testutil::loadError(s.text()), "Parameter not defined: k.u: simulation_scheme.blocks[1].__parameters.u.value is"
+                                            " missing; write a value there, or give one in the overrides table as"
+                                            " overrides.k.u");
 
     // Editing the parameters: the block keeps its own storage, and refuses strings whole.
     wBlockConstantsDescriptor d;
@@ -369,15 +371,15 @@ TEST(StatelessBlocks, ReadingErrors) {
     EXPECT_EQ(one("wBlockAvgerageValDescriptor<double>", "", inputs({"x1", "w1", "x2"})),
               at + "inputs[4].name failed to Lua::Loader::getString: the inputs come in pairs, and element 3 has no"
                    " weight after it");
-    EXPECT_EQ(one("wBlockMaxValDescriptor<int>", "", "inputs = { { name = 'a' }, { } }"), at + "inputs[2].name failed to Lua::Loader::getString");
-    EXPECT_EQ(one("wBlockSummatorDescriptor<int>", "", inputs({"a"})), at + "inputs[1].coeff failed to Lua::Loader::getInt: missing");
-    EXPECT_EQ(one("wBlockANDDescriptor", "", "inputs = { { name = 'a' }, { nom = 'b' } }"), at + "inputs[2].name failed to Lua::Loader::getString");
-    EXPECT_EQ(one("wBlockORDescriptor", "", ""), at + "inputs failed to Lua::Loader::beginSubtable: missing");
-    EXPECT_EQ(one("wBlockConstantsDescriptor", "", "values = { { type = 0 } }"), at + "values[1].name failed to Lua::Loader::getString");
+    EXPECT_EQ(one("wBlockMaxValDescriptor<int>", "", "inputs = { { name = 'a' }, { } }"), at + "inputs[2].name failed to Lua::Loader::getString: missing, a string is expected here");
+    EXPECT_EQ(one("wBlockSummatorDescriptor<int>", "", inputs({"a"})), at + "inputs[1].coeff is missing: a whole number is expected here");
+    EXPECT_EQ(one("wBlockANDDescriptor", "", "inputs = { { name = 'a' }, { nom = 'b' } }"), at + "inputs[2].name failed to Lua::Loader::getString: missing, a string is expected here");
+    EXPECT_EQ(one("wBlockORDescriptor", "", ""), at + "inputs is missing: a table is expected here");
+    EXPECT_EQ(one("wBlockConstantsDescriptor", "", "values = { { type = 0 } }"), at + "values[1].name failed to Lua::Loader::getString: missing, a string is expected here");
     // Strings (2) and unknown codes cannot be constants.
     for (const char* type : {"2", "6", "-1", "99"})
         EXPECT_EQ(one("wBlockConstantsDescriptor", "s = { value = 'text' }", std::string("values = { { name = 's', type = ") + type + " } }"),
-                  "Cannot convert parameter type to constant type");
+                  "Cannot convert parameter type to constant type (at simulation_scheme.blocks[1])");
 }
 
 }  // namespace

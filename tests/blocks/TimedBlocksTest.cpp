@@ -320,9 +320,9 @@ TEST(Multiplexer, RoutesEachValueByTheSelectWireAtArrival) {
     EXPECT_EQ(m.getInputPorts()[0], (wLeadDescription{"input", LEAD_OBJECT_ID}));
     EXPECT_EQ(m.getOutputPorts(), (wLeadList{{"left", LEAD_OBJECT_ID}, {"right", LEAD_OBJECT_ID}}));
 
-    EXPECT_EQ(testutil::loadError(muxScheme(LEAD_DOUBLE, {"a", "b"}, LEAD_BOOL)), "Multiplexor mux: output a has type 1, expected 2");
-    EXPECT_EQ(testutil::loadError(muxScheme(LEAD_INT, {"a", "b", "a"}, LEAD_INT)), "Multiplexor mux: duplicate output a");
-    EXPECT_EQ(testutil::loadError(muxScheme(LEAD_OBJECT_PTR, {"a"}, LEAD_OBJECT_PTR)), "Multiplexor mux: invalid type 5");
+    EXPECT_EQ(testutil::loadError(muxScheme(LEAD_DOUBLE, {"a", "b"}, LEAD_BOOL)), "Multiplexor mux: output a has type 1, expected 2 (at simulation_scheme.blocks[1])");
+    EXPECT_EQ(testutil::loadError(muxScheme(LEAD_INT, {"a", "b", "a"}, LEAD_INT)), "Multiplexor mux: duplicate output a (at simulation_scheme.blocks[1])");
+    EXPECT_EQ(testutil::loadError(muxScheme(LEAD_OBJECT_PTR, {"a"}, LEAD_OBJECT_PTR)), "Multiplexor mux: invalid type 5 (at simulation_scheme.blocks[1])");
     EXPECT_EQ(testutil::messageOf([&] { m.setLeadType(LEAD_OBJECT_PTR); }), "Multiplexor mux: invalid type 5");
     m.setLeadType(LEAD_BOOL);
     EXPECT_EQ(m.getOutputPorts()[1], (wLeadDescription{"right", LEAD_BOOL}));
@@ -383,7 +383,7 @@ TEST(Oscilloscope, RecordsEveryInputFlattenedAndKeepsTheLatestSamples) {
         EXPECT_EQ(reloaded->getBlockByName("osc")->getInputWires().at(i), (wLeadDescription{kinds[i].first, kinds[i].second}));
     for (const auto& [dt, capacity, message] : {std::tuple{"0", "10", "\"dt\" must be positive"}, std::tuple{"-0.5", "10", "\"dt\" must be positive"},
                                                std::tuple{"0/0", "10", "\"dt\" must be positive"}, std::tuple{"0.1", "0", "\"capacity\" must be at least 1"}})
-        EXPECT_EQ(testutil::loadError(scope(dt, capacity)), std::string("Oscilloscope osc: ") + message);
+        EXPECT_EQ(testutil::loadError(scope(dt, capacity)), std::string("Oscilloscope osc: ") + message + " (at simulation_scheme.blocks[1])");
     SchemeText bad;
     bad.block("osc", "wBlockOscilloscopeDescriptor", params({{"dt", "1"}, {"capacity", "1"}}), "inputs = { { name = 'p', type = 5 } }");
     EXPECT_EQ(testutil::loadError(bad.text()).rfind("Oscilloscope osc: input p has type 5", 0), 0u);

@@ -157,7 +157,7 @@ TEST(BlockParameter, LuaRoundTripAndMissingValues) {
     d.load(in.get(), "absent");
     EXPECT_EQ(d.get(), 0.1);
     d.setRequired(true);
-    EXPECT_EQ(messageOf([&] { d.load(in.get(), "absent"); }), "t.absent failed to Lua::Loader::getDouble: missing");
+    EXPECT_EQ(messageOf([&] { d.load(in.get(), "absent"); }), "t.absent is missing: a number is expected here");
     EXPECT_EQ(messageOf([&] { v.load(in.get(), "s"); }), "t.s failed to Lua::Loader::getVector");
     EXPECT_EQ(messageOf([&] { s.load(in.get(), "absent"); }), "t.absent failed to Lua::Loader::getString");
     EXPECT_EQ(d.get(), 0.1);

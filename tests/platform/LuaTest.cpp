@@ -46,19 +46,19 @@ TEST(LuaLoader, TypedGettersAndEveryMessage) {
     EXPECT_TRUE(l.getBoolean("on"));
     const std::string at = "s.blocks[1].";
     const std::pair<std::function<void()>, std::string> cases[] = {
-        {[&] { l.getInt("missing"); }, "missing failed to Lua::Loader::getInt: missing"},
-        {[&] { l.getInt("gain"); }, "gain failed to Lua::Loader::getInt: expected a whole number, got 2.5"},
-        {[&] { l.getInt("__name"); }, "__name failed to Lua::Loader::getInt: expected a whole number, got string"},
-        {[&] { l.getInt("big"); }, "big failed to Lua::Loader::getInt: out of range, got 2147483648"},
-        {[&] { l.getInt("huge"); }, "huge failed to Lua::Loader::getInt: expected a whole number, got math.huge"},
-        {[&] { l.getUINT32("neg"); }, "neg failed to Lua::Loader::getUINT32: out of range, got -1"},
-        {[&] { l.getDouble("__name"); }, "__name failed to Lua::Loader::getDouble: expected a number, got string"},
-        {[&] { l.getDouble("nope"); }, "nope failed to Lua::Loader::getDouble: missing"},
-        {[&] { l.getBoolean("count"); }, "count failed to Lua::Loader::getBoolean: expected a boolean, got number"},
-        {[&] { l.getBoolean("nope"); }, "nope failed to Lua::Loader::getBoolean: missing"},
-        {[&] { l.getString("count"); }, "count failed to Lua::Loader::getString"},
-        {[&] { l.beginSubtable("nope"); }, "nope failed to Lua::Loader::beginSubtable: missing"},
-        {[&] { l.beginSubtable("on"); }, "on failed to Lua::Loader::beginSubtable: expected a table, got boolean"},
+        {[&] { l.getInt("missing"); }, "missing is missing: a whole number is expected here"},
+        {[&] { l.getInt("gain"); }, "gain must be a whole number, got 2.5"},
+        {[&] { l.getInt("__name"); }, "__name must be a whole number, not a string"},
+        {[&] { l.getInt("big"); }, "big must be from -2147483648 to 2147483647, got 2147483648"},
+        {[&] { l.getInt("huge"); }, "huge must be a whole number, got math.huge"},
+        {[&] { l.getUINT32("neg"); }, "neg must be from 0 to 4294967295, got -1"},
+        {[&] { l.getDouble("__name"); }, "__name must be a number, not a string"},
+        {[&] { l.getDouble("nope"); }, "nope is missing: a number is expected here"},
+        {[&] { l.getBoolean("count"); }, "count must be true or false, not a number"},
+        {[&] { l.getBoolean("nope"); }, "nope is missing: true or false is expected here"},
+        {[&] { l.getString("count"); }, "count failed to Lua::Loader::getString: expected a string, not a number"},
+        {[&] { l.beginSubtable("nope"); }, "nope is missing: a table is expected here"},
+        {[&] { l.beginSubtable("on"); }, "on must be a table, not a boolean"},
     };
     for (const auto& [action, message] : cases) EXPECT_EQ(failure(action), at + message);
 
@@ -77,7 +77,7 @@ TEST(LuaLoader, TypedGettersAndEveryMessage) {
 
     l.endSubtable();
     l.beginSubtable(2);
-    EXPECT_EQ(failure([&] { l.getString("__name"); }), "s.blocks[2].__name failed to Lua::Loader::getString");
+    EXPECT_EQ(failure([&] { l.getString("__name"); }), "s.blocks[2].__name failed to Lua::Loader::getString: expected a string, not a number");
     EXPECT_EQ(l.formatPath("end"), "s.blocks[2][\"end\"]");
     EXPECT_EQ(l.formatPath(4), "s.blocks[2][4]");
     l.beginSubtable("odd key");
@@ -123,7 +123,7 @@ TEST(LuaLoader, ArrayWalks) {
     l.beginSubtable("mixed");
     l.beginArray();
     EXPECT_TRUE(l.nextArray());
-    EXPECT_EQ(failure([&] { l.nextArray(); }), "t.mixed[2] failed to Lua::Loader::nextArray: expected a table, got number");
+    EXPECT_EQ(failure([&] { l.nextArray(); }), "t.mixed[2] must be a table, not a number");
     EXPECT_EQ(failure([&] { l.nextArray(); }), "t.mixed failed to Lua::Loader::nextArray: no array walk was begun");
     EXPECT_EQ(l.depth(), 1);
 }
@@ -137,7 +137,8 @@ TEST(LuaLoader, FailedLoadsNameTheFileAndLeaveNoTable) {
     const std::string missing = (dir / "missing.sch").string();
     EXPECT_EQ(failure([&] { l.load(missing, "s"); }), "Cannot open file: " + missing);
     for (auto action : {+[](Loader& x) { x.getInt("x"); }, +[](Loader& x) { x.getBoolean("x"); },
-                        +[](Loader& x) { x.getDouble("x"); }, +[](Loader& x) { x.beginSubtable("x"); }}) {
+                        +[](Loader& x) { x.getDouble("x"); }, +[](Loader& x) { x.beginSubtable("x"); },
+                        +[](Loader& x) { x.setVector("x", Vec3d(1, 2, 3)); }}) {
         const std::string m = failure([&] { action(l); });
         EXPECT_TRUE(m.rfind("s.x failed to Lua::Loader::", 0) == 0 && m.find(": no table is open") != std::string::npos) << m;
     }

@@ -384,7 +384,9 @@ TEST(RuntimeSystem, DiscreteBlockThatNeverAdvancesIsStopped) {
     c->dt.set(0.0);
     auto sys = b.run();
     EXPECT_EQ(messageOf([&] { sys->simulate(0.0); }),
-              "Discrete block stuck keeps scheduling itself at t = 0 without advancing (returned delay 0)");
+              "Discrete block stuck keeps scheduling itself at t = 0 without advancing (returned delay 0): stuck is a"
+              " TestCounter; a discrete block must ask for a positive delay: check its period (dt), or what its"
+              " script's run returns");
     EXPECT_LT(trace().size(), 1300u);  // gave up after a bounded number of steps
     c->dt.set(-0.25);  // going back in time
     sys->reset();

@@ -110,7 +110,7 @@ TEST(SolverKinds, UnusableStepsAndTolerancesAreRefusedWithTheirPlace) {
     // The largest step has no default: a table without it names the missing entry.
     EXPECT_THAT(testutil::messageOf(
                     [&] { testutil::Running r(integratorScheme("__type = \"wSolverCvodeDescriptor\", rtol = 1e-6")); }),
-                HasSubstr("simulation_scheme.solver.H failed to Lua::Loader::getDouble: missing"));
+                HasSubstr("simulation_scheme.solver.H is missing: a number is expected here"));
 }
 
 namespace {

@@ -196,7 +196,7 @@ TEST(SchemeAnalysis, LoopMessagesShowTheLoopShortenedWhenLong) {
             }
             expected += "g" + std::to_string((start + k) % n) + " -> ";
         }
-        EXPECT_EQ(message, expected + first) << n;
+        EXPECT_EQ(message, expected + first + "; put a discrete or continuous block into the loop") << n;
     }
     // Ports count too; the first looping block in sorted order is the one named.
     Builder b;
@@ -210,7 +210,7 @@ TEST(SchemeAnalysis, LoopMessagesShowTheLoopShortenedWhenLong) {
     b.port(q, "out", r, "in");
     b.port(r, "out", q, "in");
     b.port(x, "out", p, "in");
-    EXPECT_EQ(analysisError(b.scheme, true), "Stateless block 2 (Q) is reachable from itself: Q -> R -> Q");
+    EXPECT_EQ(analysisError(b.scheme, true), "Stateless block 2 (Q) is reachable from itself: Q -> R -> Q; put a discrete or continuous block into the loop");
 }
 
 TEST(SchemeAnalysis, LongChainsNeedNoDeepRecursion) {
@@ -359,20 +359,23 @@ TEST(SchemeLayout, NestedLevelsShareOneCounter) {
 
     // Checks reach into the nested level (named after the nested input at that index).
     inner.removeConnection(inner.getConnections().back());
-    EXPECT_EQ(analysisError(b.scheme), "Inconsistency in scheme: unassigned output a");
+    EXPECT_EQ(analysisError(b.scheme), "Inconsistency in scheme: unassigned output a: nothing feeds the scheme output b; add a"
+                                            " connection with input_block = -666, input_lead = \"b\"");
 }
 
 TEST(SchemeLayout, UnassignedAndDirectLeadsAreRefused) {
     Builder b;
     auto* g = b.add<GainDescriptor>("g");
-    EXPECT_EQ(analysisError(b.scheme), "Inconsistency in scheme: block \"g\" (TestGain) has unassigned input in.");
+    EXPECT_EQ(analysisError(b.scheme), "Inconsistency in scheme: block \"g\" (TestGain) has unassigned input in. Connect a wire to it.");
     b.scheme.analyse(true);  // nested: no layout, no check
     b.scheme.removeBlock(g);
     b.outputWire("y");
-    EXPECT_EQ(analysisError(b.scheme), "Inconsistency in scheme: unassigned output y");
+    EXPECT_EQ(analysisError(b.scheme), "Inconsistency in scheme: unassigned output y: nothing feeds the scheme output y; add a"
+                                            " connection with input_block = -666, input_lead = \"y\"");
     b.inputWire("u");
     b.wire(nullptr, "u", nullptr, "y");
-    EXPECT_EQ(analysisError(b.scheme), "Direct connections from input to output are not implemented");
+    EXPECT_EQ(analysisError(b.scheme), "Direct connections from input to output are not implemented: scheme input u feeds scheme"
+                                            " output y directly; pass it through a block (a gain of 1, for instance)");
 
     // Ports take no room; a wire into a lead the block lacks is named.
     Builder p;

@@ -15,6 +15,7 @@
 
 #include "vandrel/platform/LuaDetail.h"
 #include "vandrel/platform/LuaState.h"
+#include "vandrel/platform/Suggest.h"
 
 namespace Lua {
 
@@ -99,6 +100,7 @@ Loader::~Loader() { ZO_lua_close(L_); }
 void Loader::reset_(const zo::string& globalName) {
     lua_settop(L_, 0);
     frames_.clear();
+    asked_.clear();
     fileName_.clear();
     directory_.clear();
     globalName_ = globalName;
@@ -208,22 +210,32 @@ void Loader::createGlobalTable(const zo::string& name) {
 
 // ---- paths and failures ----
 
+namespace {
+
+// Appends one step of a path: ".name", ["odd key"] or [index].
+void appendKey(zo::string& out, std::string_view name, int index, bool byIndex) {
+    if (byIndex) {
+        out += '[';
+        out += std::to_string(index);
+        out += ']';
+    } else if (detail::isIdentifier(name)) {
+        if (!out.empty()) out += '.';
+        out += name;
+    } else {
+        out += '[';
+        detail::appendQuoted(out, name);
+        out += ']';
+    }
+}
+
+// "a number", "a table": the type of a value as a message names it.
+zo::string aType(int luaType, lua_State* L) { return zo::string("a ") + lua_typename(L, luaType); }
+
+}  // namespace
+
 zo::string Loader::path_(const Key* key) const {
     zo::string out;
-    auto append = [&out](std::string_view name, int index, bool byIndex) {
-        if (byIndex) {
-            out += '[';
-            out += std::to_string(index);
-            out += ']';
-        } else if (detail::isIdentifier(name)) {
-            if (!out.empty()) out += '.';
-            out += name;
-        } else {
-            out += '[';
-            detail::appendQuoted(out, name);
-            out += ']';
-        }
-    };
+    const auto append = [&out](std::string_view name, int index, bool byIndex) { appendKey(out, name, index, byIndex); };
     if (frames_.empty()) out = globalName_;
     for (std::size_t i = 0; i < frames_.size(); ++i) {
         const Frame& frame = frames_[i];
@@ -255,6 +267,16 @@ void Loader::fail_(const Key& key, const char* operation, std::string_view reaso
     throw LoaderException(message);
 }
 
+void Loader::missing_(const Key& key, std::string_view expected) const {
+    zo::string message = path_(&key) + " is missing: " + zo::string(expected) + " is expected here";
+    if (!key.byIndex) message += Text::meantToBe(key.name, getKeys());
+    throw LoaderException(message);
+}
+
+void Loader::wrongType_(const Key& key, std::string_view expected, int luaType) const {
+    throw LoaderException(path_(&key) + " must be " + zo::string(expected) + ", not " + aType(luaType, L_));
+}
+
 void Loader::requireTable_(const Key& key, const char* operation) const {
     if (frames_.empty()) fail_(key, operation, "no table is open");
 }
@@ -269,6 +291,7 @@ void Loader::pushKey_(const Key& key) const {
 }
 
 void Loader::pushEntry_(const Key& key) const {
+    if (tracking_) noteAsked_(key);
     if (key.byIndex) {
         lua_rawgeti(L_, -1, key.index);
     } else {
@@ -291,6 +314,8 @@ void Loader::store_(const Key& key, int table) {
 // The table on top of the stack becomes the current table.
 void Loader::pushFrame_(const Key& key, bool arrayElement) {
     try {
+        // An entered table is walked for unread entries even when nothing in it was asked.
+        if (tracking_) asked_[lua_topointer(L_, -1)];
         Frame frame;
         if (!key.byIndex) frame.key = key.name;
         frame.index = key.index;
@@ -311,8 +336,8 @@ void Loader::enter_(const Key& key, const char* operation) {
     const int type = lua_type(L_, -1);
     if (type != LUA_TTABLE) {
         lua_pop(L_, 1);
-        if (type == LUA_TNIL) fail_(key, operation, "missing");
-        fail_(key, operation, zo::string("expected a table, got ") + lua_typename(L_, type));
+        if (type == LUA_TNIL) missing_(key, "a table");
+        wrongType_(key, "a table", type);
     }
     if (lua_checkstack(L_, 8) == 0) {
         lua_pop(L_, 1);
@@ -392,9 +417,8 @@ bool Loader::nextArray() {
     if (type != LUA_TTABLE || lua_checkstack(L_, 8) == 0) {
         lua_pop(L_, 1);
         array.arrayIndex = -1;
-        fail_(next, "nextArray",
-              type != LUA_TTABLE ? zo::string("expected a table, got ") + lua_typename(L_, type)
-                                 : zo::string("tables nested too deeply"));
+        if (type != LUA_TTABLE) wrongType_(next, "a table", type);
+        fail_(next, "nextArray", "tables nested too deeply");
     }
     array.arrayIndex = next.index;
     pushFrame_(next, true);
@@ -445,13 +469,13 @@ double Loader::getWhole_(const Key& key, const char* operation, double low, doub
     const int type = lua_type(L_, -1);
     const double value = type == LUA_TNUMBER ? lua_tonumber(L_, -1) : 0.0;
     lua_pop(L_, 1);
-    if (type == LUA_TNIL) fail_(key, operation, "missing");
-    if (type != LUA_TNUMBER)
-        fail_(key, operation, zo::string("expected a whole number, got ") + lua_typename(L_, type));
+    if (type == LUA_TNIL) missing_(key, "a whole number");
+    if (type != LUA_TNUMBER) wrongType_(key, "a whole number", type);
     if (!std::isfinite(value) || value != std::floor(value))
-        fail_(key, operation, "expected a whole number, got " + numberText(value));
+        throw LoaderException(path_(&key) + " must be a whole number, got " + numberText(value));
     if (value < low || value > high)
-        fail_(key, operation, "out of range, got " + numberText(value));
+        throw LoaderException(path_(&key) + " must be from " + numberText(low) + " to " + numberText(high) +
+                              ", got " + numberText(value));
     return value;
 }
 
@@ -473,9 +497,8 @@ double Loader::getDouble_(const Key& key) const {
     const int type = lua_type(L_, -1);
     const double value = type == LUA_TNUMBER ? lua_tonumber(L_, -1) : 0.0;
     lua_pop(L_, 1);
-    if (type == LUA_TNIL) fail_(key, "getDouble", "missing");
-    if (type != LUA_TNUMBER)
-        fail_(key, "getDouble", zo::string("expected a number, got ") + lua_typename(L_, type));
+    if (type == LUA_TNIL) missing_(key, "a number");
+    if (type != LUA_TNUMBER) wrongType_(key, "a number", type);
     return value;
 }
 
@@ -489,16 +512,23 @@ bool Loader::getBoolean(std::string_view key) const {
     const int type = lua_type(L_, -1);
     const bool value = lua_toboolean(L_, -1) != 0;
     lua_pop(L_, 1);
-    if (type == LUA_TNIL) fail_(k, "getBoolean", "missing");
-    if (type != LUA_TBOOLEAN)
-        fail_(k, "getBoolean", zo::string("expected a boolean, got ") + lua_typename(L_, type));
+    if (type == LUA_TNIL) missing_(k, "true or false");
+    if (type != LUA_TBOOLEAN) wrongType_(k, "true or false", type);
     return value;
 }
 
 zo::string Loader::getString(std::string_view key) const {
     zo::string value;
-    if (!tryGetString(key, &value)) fail_(key_(key), "getString", {});
-    return value;
+    if (tryGetString(key, &value)) return value;
+    // The form of this message is the one hosts know; what follows it says what to write.
+    const Key k = key_(key);
+    requireTable_(k, "getString");
+    pushEntry_(k);
+    const int type = lua_type(L_, -1);
+    lua_pop(L_, 1);
+    if (type == LUA_TNIL)
+        fail_(k, "getString", "missing, a string is expected here" + Text::meantToBe(key, getKeys()));
+    fail_(k, "getString", "expected a string, not " + aType(type, L_));
 }
 
 bool Loader::tryGetString(std::string_view key, zo::string* out) const {
@@ -595,6 +625,112 @@ void Loader::setVector(std::string_view key, const Vec3d& value) {
         lua_rawseti(L_, -2, i + 1);
     }
     store_(k, lua_gettop(L_) - 1);
+}
+
+}  // namespace Lua
+
+namespace Lua {
+
+// ---- read tracking ----
+
+void Loader::trackReads(bool on) {
+    tracking_ = on;
+    if (!on) asked_.clear();
+}
+
+void Loader::noteAsked_(const Key& key) const {
+    Asked& asked = asked_[lua_topointer(L_, -1)];
+    if (key.byIndex) asked.indices.push_back(key.index);
+    else asked.names.emplace_back(key.name);
+}
+
+namespace {
+
+struct UnreadWalk {
+    lua_State* L;
+    const std::unordered_map<const void*, zo::vector<zo::string>>& names;
+    const std::unordered_map<const void*, zo::vector<int>>& indices;
+    zo::vector<const void*> visiting;
+    zo::vector<Loader::UnreadEntry> out;
+
+    // Walks the table on the stack top, whose path is `path`.
+    void walk(const zo::string& path) {
+        const void* table = lua_topointer(L, -1);
+        const auto asked = names.find(table);
+        if (asked == names.end() || lua_checkstack(L, 4) == 0) return;
+        if (std::find(visiting.begin(), visiting.end(), table) != visiting.end()) return;
+        visiting.push_back(table);
+        const zo::vector<int>& askedIndices = indices.at(table);
+        // Keys first, sorted, so that the report does not depend on Lua's hash order.
+        struct Child {
+            zo::string name;
+            int index = 0;
+            bool byIndex = false;
+        };
+        zo::vector<Child> children;
+        lua_pushnil(L);
+        while (lua_next(L, -2) != 0) {
+            lua_pop(L, 1);
+            if (lua_type(L, -1) == LUA_TSTRING) {
+                std::size_t n = 0;
+                const char* text = lua_tolstring(L, -1, &n);
+                children.push_back(Child{zo::string(text, n), 0, false});
+            } else if (lua_type(L, -1) == LUA_TNUMBER) {
+                const double v = lua_tonumber(L, -1);
+                if (v == std::floor(v) && v >= -2147483648.0 && v <= 2147483647.0)
+                    children.push_back(Child{{}, static_cast<int>(v), true});
+            }
+        }
+        std::sort(children.begin(), children.end(), [](const Child& a, const Child& b) {
+            if (a.byIndex != b.byIndex) return a.byIndex;
+            return a.byIndex ? a.index < b.index : a.name < b.name;
+        });
+        for (const Child& c : children) {
+            zo::string childPath = path;
+            appendKey(childPath, c.name, c.index, c.byIndex);
+            if (c.byIndex) lua_rawgeti(L, -1, c.index);
+            else {
+                lua_pushlstring(L, c.name.data(), c.name.size());
+                lua_rawget(L, -2);
+            }
+            const bool wasAsked = c.byIndex
+                                      ? std::binary_search(askedIndices.begin(), askedIndices.end(), c.index)
+                                      : std::binary_search(asked->second.begin(), asked->second.end(), c.name);
+            if (wasAsked) {
+                if (lua_istable(L, -1)) walk(childPath);
+            } else {
+                out.push_back(Loader::UnreadEntry{childPath, path,
+                                                  c.byIndex ? "[" + std::to_string(c.index) + "]" : c.name,
+                                                  lua_typename(L, lua_type(L, -1)), asked->second});
+            }
+            lua_pop(L, 1);
+        }
+        visiting.pop_back();
+    }
+};
+
+}  // namespace
+
+zo::vector<Loader::UnreadEntry> Loader::getUnreadEntries() const {
+    if (frames_.empty()) return {};
+    // Per table: the names and the indices asked for, sorted and unique.
+    std::unordered_map<const void*, zo::vector<zo::string>> names;
+    std::unordered_map<const void*, zo::vector<int>> indices;
+    for (const auto& [table, asked] : asked_) {
+        zo::vector<zo::string> n = asked.names;
+        std::sort(n.begin(), n.end());
+        n.erase(std::unique(n.begin(), n.end()), n.end());
+        names.emplace(table, std::move(n));
+        zo::vector<int> i = asked.indices;
+        std::sort(i.begin(), i.end());
+        i.erase(std::unique(i.begin(), i.end()), i.end());
+        indices.emplace(table, std::move(i));
+    }
+    const StackGuard guard(L_);
+    lua_pushvalue(L_, 1);
+    UnreadWalk walk{L_, names, indices, {}, {}};
+    walk.walk(frames_.front().key);
+    return std::move(walk.out);
 }
 
 }  // namespace Lua

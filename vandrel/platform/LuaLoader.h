@@ -12,6 +12,7 @@
 // Keys written through the setters remember their order, so the serializer writes them
 // back in the order they were written.
 #include <string_view>
+#include <unordered_map>
 
 #include "vandrel/platform/Exception.h"
 #include "vandrel/platform/Math.h"
@@ -74,8 +75,9 @@ public:
     // The string keys of the current table, sorted; keys of other types are left out.
     zo::vector<zo::string> getKeys() const;
 
-    // Typed getters: throw LoaderException "<path> failed to Lua::Loader::getX: <reason>"
-    // when the entry is missing or of another type. Integers must be whole numbers in range.
+    // Typed getters: throw LoaderException when the entry is missing or of another type,
+    // saying what is expected there ("<path> must be a number, not a string"; for strings
+    // "<path> failed to Lua::Loader::getString: ..."). Integers must be whole numbers in range.
     int getInt(std::string_view key) const;
     int getInt(int index) const;
     unsigned getUINT32(std::string_view key) const;
@@ -107,6 +109,21 @@ public:
     // The Lua state that holds the tables (globals include the loaded/created table).
     lua_State* getState() const { return L_; }
 
+    // Read tracking, for reporting what a load never looked at: while on, the loader
+    // remembers every key asked for (read, probed or entered) in every table it enters.
+    // A new load or global table forgets what was remembered.
+    void trackReads(bool on);
+    struct UnreadEntry {
+        zo::string path;               // full path of the entry, as formatPath gives it
+        zo::string parent;             // path of the table it is in
+        zo::string key;                // the key itself (a name, or "[n]" for an index)
+        zo::string valueType;          // Lua type name of its value
+        zo::vector<zo::string> asked;  // names asked for in the same table, sorted
+    };
+    // Entries of the tables entered while tracking that were never asked for, below the
+    // global table, in path order. Only string keys and whole-number keys are listed.
+    zo::vector<UnreadEntry> getUnreadEntries() const;
+
 private:
     // One entered table: the key or index it was reached by (for paths) and the state
     // of an array walk over it (-1: none; 0: begun; n: element n entered). The tables
@@ -129,6 +146,13 @@ private:
     zo::string directory_;
     zo::string globalName_;
     zo::vector<Frame> frames_;
+    // Keys asked for per table (by the table's address), while tracking reads.
+    struct Asked {
+        zo::vector<zo::string> names;
+        zo::vector<int> indices;
+    };
+    bool tracking_ = false;
+    mutable std::unordered_map<const void*, Asked> asked_;
 
     void reset_(const zo::string& globalName);
     void runChunk_(std::string_view source, const zo::string& chunkName);
@@ -137,6 +161,11 @@ private:
     static Key key_(int index) { return Key{{}, index, true}; }
     void requireTable_(const Key& key, const char* operation) const;
     [[noreturn]] void fail_(const Key& key, const char* operation, std::string_view reason) const;
+    // "<path> is missing: <expected> is expected here", with a present key it may mean.
+    [[noreturn]] void missing_(const Key& key, std::string_view expected) const;
+    // "<path> must be <expected>, not a <type>" (the type is of the value on the stack top).
+    [[noreturn]] void wrongType_(const Key& key, std::string_view expected, int luaType) const;
+    void noteAsked_(const Key& key) const;
     zo::string path_(const Key* key) const;
     void pushKey_(const Key& key) const;
     void pushEntry_(const Key& key) const;

@@ -536,8 +536,14 @@ void wSimulationSystem::throwStalled_(int discreteIndex, double t, double r) con
     if (std::isnan(r))
         throw wSimulationException("Discrete block " + nameOf(d) + " returned an invalid delay (" + doubleToString(r) +
                                    ") at t = " + doubleToString(t));
+    // Name the block as the file does, with what makes a schedule advance.
+    zo::string where = ": " + nameOf(d) + " is a " + d->getBlockTypeName();
+    if (const int index = scheme_->getFileIndex(d); index >= 0)
+        where += " at simulation_scheme.blocks[" + std::to_string(index + 1) + "]";
     throw wSimulationException("Discrete block " + nameOf(d) + " keeps scheduling itself at t = " + doubleToString(t) +
-                               " without advancing (returned delay " + doubleToString(r) + ")");
+                               " without advancing (returned delay " + doubleToString(r) + ")" + where +
+                               "; a discrete block must ask for a positive delay: check its period (dt), or what its"
+                               " script's run returns");
 }
 
 int wSimulationSystem::discreteIndexOf_(const wSimulationBlockDisc* block) const {

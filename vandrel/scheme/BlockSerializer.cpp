@@ -2,6 +2,7 @@
 
 #include "vandrel/core/SimulationBlockDescriptor.h"
 #include "vandrel/platform/LuaLoader.h"
+#include "vandrel/platform/Suggest.h"
 #include "vandrel/runtime/SimulationException.h"
 #include "vandrel/scheme/BlockFactory.h"
 
@@ -68,6 +69,7 @@ wSimulationBlockDescriptor* wRuntimeBlockSerializer::createBlock() {
     };
 
     blockName_ = name;
+    overridesPath_ = saved != nullptr ? saved->formatPath(name) : zo::string();
     try {
         descriptor->serialize(*this);
     } catch (...) {
@@ -84,8 +86,14 @@ void wRuntimeBlockSerializer::serializeParameter(wBlockParameterContainer& p) {
     wBlockParameterProxyBase* proxy = p.getProxy();
     if (!proxy) return;
     const zo::string& name = p.getName();
-    if (proxy->isRequired()) loader_->beginSubtable(name);
-    else if (!loader_->tryBeginSubtable(name)) return;  // optional and absent: default stays
+    if (!loader_->tryBeginSubtable(name)) {
+        if (!proxy->isRequired()) return;  // optional and absent: default stays
+        // Say what to write, and which entry of the table was probably meant.
+        throw Lua::LoaderException(loader_->formatPath(name) + (loader_->hasEntry(name) ? " must be a table" : " is missing") +
+                                   ": block " + blockName_ + " needs its parameter " + name + ", as " + name +
+                                   " = { value = ... }" +
+                                   Text::meantToBe(name, loader_->getKeys()));
+    }
 
     // The file's value wins; an override fills only a parameter left without a value.
     if (loader_->hasEntry("value")) {
@@ -94,8 +102,13 @@ void wRuntimeBlockSerializer::serializeParameter(wBlockParameterContainer& p) {
         p.load(overrides_, name);
         used_.emplace(blockName_, name);
     } else if (proxy->isRequired()) {
+        const zo::string where = loader_->formatPath("value");
         loader_->endSubtable();
-        throw wSimulationException("Parameter not defined: " + blockName_ + "." + name);
+        throw wSimulationException("Parameter not defined: " + blockName_ + "." + name + ": " + where +
+                                   " is missing; write a value there" +
+                                   (overridesPath_.empty() ? zo::string()
+                                                           : ", or give one in the overrides table as " +
+                                                                 overridesPath_ + "." + name));
     }
     loader_->endSubtable();
 }

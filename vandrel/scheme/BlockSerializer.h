@@ -74,5 +74,6 @@ private:
     Lua::Loader* loader_;     // not owned
     Lua::Loader* overrides_;  // not owned, may be null
     zo::string blockName_;    // block being read, for messages
+    zo::string overridesPath_;  // where the overrides of the block being read would be, for messages
     std::set<std::pair<zo::string, zo::string>> used_;
 };

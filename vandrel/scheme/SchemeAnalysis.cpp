@@ -260,7 +260,7 @@ class wSchemeLayout {
 public:
     static void layout(wSimulationSystemScheme& top) {
         std::unique_ptr<LayoutLevel> level = build_(top);
-        check_(*level);
+        check_(*level, top);
 
         int counter = 0;
         placeOutputs(level->io, top.ioBlock_.getOutputWires(), counter);
@@ -313,14 +313,31 @@ private:
         return level;
     }
 
-    static void check_(const LayoutLevel& level) {
+    // " (in nested.sch)" for a nested level, so that a message names the file at fault.
+    static zo::string inFile(const LayoutLevel& level, const wSimulationSystemScheme& top) {
+        if (level.scheme == &top || level.scheme->getFileName().empty()) return {};
+        return " (in " + level.scheme->getFileName() + ")";
+    }
+    // What to write so that an input wire is fed.
+    static zo::string unassignedHelp(const LayoutLevel& level, const wSimulationSystemScheme& top,
+                                     const wSimulationBlockDescriptor& block, const zo::string& input) {
+        const int index = level.scheme->getFileIndex(&block);
+        if (index < 0) return " Connect a wire to it.";
+        return " Connect a wire to it: a connection with input_block = " + std::to_string(index) +
+               ", input_lead = \"" + input + "\" (the block is simulation_scheme.blocks[" +
+               std::to_string(index + 1) + "]" +
+               (level.scheme == &top || level.scheme->getFileName().empty() ? zo::string()
+                                                                            : " of " + level.scheme->getFileName()) +
+               ").";
+    }
+    static void check_(const LayoutLevel& level, const wSimulationSystemScheme& top) {
         for (const LayoutNode& node : level.nodes) {
             const wLeadList& wires = node.descriptor->getInputWires();
             for (std::size_t i = 0; i < node.inputs.size(); ++i) {
                 if (node.inputs[i].source != nullptr) continue;
                 throw wSimulationException("Inconsistency in scheme: block \"" + node.descriptor->getName() + "\" (" +
                                            node.descriptor->getBlockTypeName() + ") has unassigned input " +
-                                           wires[i].name + ".");
+                                           wires[i].name + "." + unassignedHelp(level, top, *node.descriptor, wires[i].name));
             }
         }
         const wSimulationSystemScheme::InputOutputBlock& ioBlock = level.scheme->ioBlock_;
@@ -330,13 +347,21 @@ private:
                 // Named from the scheme-input list at the same index, as this message always was.
                 const wLeadList& names = ioBlock.getOutputWires().size() > i ? ioBlock.getOutputWires()
                                                                               : ioBlock.getInputWires();
-                throw wSimulationException("Inconsistency in scheme: unassigned output " + names[i].name);
+                const zo::string& output = ioBlock.getInputWires()[i].name;
+                throw wSimulationException("Inconsistency in scheme: unassigned output " + names[i].name +
+                                           ": nothing feeds the scheme output " + output +
+                                           "; add a connection with input_block = -666, input_lead = \"" + output +
+                                           "\"" + inFile(level, top));
             }
             if (in.source == &level.io)
-                throw wSimulationException("Direct connections from input to output are not implemented");
+                throw wSimulationException(
+                    "Direct connections from input to output are not implemented: scheme input " +
+                    ioBlock.getOutputWires()[static_cast<std::size_t>(in.sourceOutput)].name +
+                    " feeds scheme output " + ioBlock.getInputWires()[i].name +
+                    " directly; pass it through a block (a gain of 1, for instance)" + inFile(level, top));
         }
         for (const LayoutNode& node : level.nodes)
-            if (node.nested) check_(*node.nested);
+            if (node.nested) check_(*node.nested, top);
     }
 
     // Output slots of one level and, recursively, of its subsystems' levels.
@@ -460,6 +485,7 @@ void wSimulationSystemScheme::postLoad_(bool isNested) {
             message += displayName(*blocks_[static_cast<std::size_t>(cycle[k])]);
             if (k + 1 < cycle.size()) message += " -> ";
         }
+        message += "; put a discrete or continuous block into the loop";
         throw wSimulationException(std::move(message));
     }
 

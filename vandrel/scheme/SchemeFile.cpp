@@ -12,6 +12,8 @@
 // Keys are written in that order. Block entries belong to the block serializers and the
 // descriptors, the solver table to the solver registry.
 #include <algorithm>
+#include <cstdlib>
+#include <map>
 #include <new>
 #include <ostream>
 #include <set>
@@ -23,9 +25,11 @@
 
 #include "vandrel/platform/LuaLoader.h"
 #include "vandrel/platform/LuaSerializer.h"
+#include "vandrel/platform/Suggest.h"
 #include "vandrel/runtime/ResourceLimits.h"
 #include "vandrel/runtime/SimulationException.h"
 #include "vandrel/runtime/SimulationLogger.h"
+#include "vandrel/scheme/BlockFactory.h"
 #include "vandrel/scheme/BlockSerializer.h"
 #include "vandrel/scheme/SimulationSystemScheme.h"
 
@@ -49,13 +53,75 @@ constexpr IOList kIOLists[] = {
     {"outputPorts", false, true},
 };
 
-// Input wires already fed by a wire connection of this load: an input wire reads exactly
-// one slot, so a second wire into it is refused.
-using WireTargets = std::set<std::pair<const wSimulationBlockDescriptor*, zo::string>>;
+// Input wires already fed by a wire connection of this load, with the 1-based position
+// of that connection: an input wire reads exactly one slot, so a second wire is refused.
+using WireTargets = std::map<std::pair<const wSimulationBlockDescriptor*, zo::string>, int>;
+
+// The I/O array of (isInput, isPort), as its key in "io".
+const char* ioListKey(bool isInput, bool isPort) {
+    for (const IOList& io : kIOLists)
+        if (io.isInput == isInput && io.isPort == isPort) return io.key;
+    return "";
+}
+
+const char* leadKind(bool isInput, bool isPort) {
+    if (isInput) return isPort ? "input ports" : "input wires";
+    return isPort ? "output ports" : "output wires";
+}
+
+// One end of a connection as messages name it: a block with its place in the file, the
+// scheme's own inputs or outputs, or the special-commands block.
+struct ConnectionEnd {
+    const wSimulationBlockDescriptor* block;
+    int index;  // as written in the file
+};
+
+zo::string blockLabel(const wSimulationBlockDescriptor& block, int index) {
+    return "block " + block.getName() + " (" + block.getBlockTypeName() + ") at simulation_scheme.blocks[" +
+           std::to_string(index + 1) + "]";
+}
+
+// "lead of block g (TestGain) at ...", "scheme input v", "scheme output y".
+zo::string leadLabel(const ConnectionEnd& end, bool isInput, const zo::string& lead) {
+    if (end.index == wSimulationSystemScheme::kIOBlockIndex) return (isInput ? "scheme output " : "scheme input ") + lead;
+    if (end.index == wSimulationSystemScheme::kSpecialCommandsIndex) return lead + " of the special commands block";
+    return lead + " of " + blockLabel(*end.block, end.index);
+}
+
+// What follows "Block N has no input/output L": which leads of that kind there are, the
+// one probably meant, or that L is of the other kind.
+zo::string missingLeadHelp(const ConnectionEnd& end, bool isInput, bool isPort, const zo::string& lead) {
+    const bool io = end.index == wSimulationSystemScheme::kIOBlockIndex;
+    // The I/O block's inputs are the scheme's outputs, and the other way round.
+    const char* schemeKind = leadKind(!isInput, isPort);
+    const zo::string listPath = zo::string("simulation_scheme.io.") + ioListKey(isInput, isPort);
+    if (end.block->hasLead(isInput, !isPort, lead)) {
+        const zo::string other = leadKind(isInput, !isPort);
+        return ": " + (io ? zo::string("the scheme's ") + leadKind(!isInput, !isPort) + " hold " + lead
+                          : lead + " is one of the " + other + " of " +
+                                (end.index >= 0 ? blockLabel(*end.block, end.index) : "the special commands block")) +
+               ", so write port = " + (isPort ? "false" : "true");
+    }
+    const wLeadList& leads = end.block->getLeads(isInput, isPort);
+    zo::string owner;
+    if (io) owner = zo::string("scheme's ") + schemeKind + " (" + listPath + ")";
+    else if (end.index >= 0) owner = leadKind(isInput, isPort) + zo::string(" of ") + blockLabel(*end.block, end.index);
+    else owner = leadKind(isInput, isPort) + zo::string(" of the special commands block");
+    if (leads.empty()) {
+        if (io) return zo::string(": the scheme has no ") + schemeKind + "; declare " + lead + " in " + listPath;
+        return ": there are no " + owner;
+    }
+    zo::vector<zo::string> names, described;
+    for (const wLeadDescription& l : leads) {
+        names.push_back(l.name);
+        described.push_back(l.name + " (" + leadTypeNames[l.type] + ")");
+    }
+    return ": the " + owner + " are " + Text::listNames(described) + Text::didYouMean(lead, names);
+}
 
 // Reads the connection entry the loader is on and checks it against the blocks read so far.
 wSimulationSystemScheme::Connection readConnection(wSimulationSystemScheme& scheme, const Lua::Loader& loader,
-                                                   WireTargets& fedWires) {
+                                                   WireTargets& fedWires, int position) {
     const int count = scheme.getBlocksCount();
     auto isValidIndex = [count](int i) {
         return i == wSimulationSystemScheme::kIOBlockIndex || i == wSimulationSystemScheme::kSpecialCommandsIndex ||
@@ -75,20 +141,32 @@ wSimulationSystemScheme::Connection readConnection(wSimulationSystemScheme& sche
     const bool isPort = loader.getBoolean("port");
 
     wSimulationBlockDescriptor* from = scheme.getBlockByIndex(outIndex);
+    const ConnectionEnd source{from, outIndex};
     zo::string outLead = loader.getString("output_lead");
     if (!from->hasLead(false, isPort, outLead))
-        throw wSimulationException("Block " + std::to_string(outIndex) + " has no output " + outLead);
+        throw wSimulationException("Block " + std::to_string(outIndex) + " has no output " + outLead +
+                                   missingLeadHelp(source, false, isPort, outLead));
 
     wSimulationBlockDescriptor* to = scheme.getBlockByIndex(inIndex);
+    const ConnectionEnd target{to, inIndex};
     zo::string inLead = loader.getString("input_lead");
     if (!to->hasLead(true, isPort, inLead))
-        throw wSimulationException("Block " + std::to_string(inIndex) + " has no input " + inLead);
+        throw wSimulationException("Block " + std::to_string(inIndex) + " has no input " + inLead +
+                                   missingLeadHelp(target, true, isPort, inLead));
 
     const zo::string what = std::to_string(outIndex) + "." + outLead + " -> " + std::to_string(inIndex) + "." + inLead;
-    if (from->getLeadType(false, isPort, outLead) != to->getLeadType(true, isPort, inLead))
-        throw wSimulationException("Cannot connect " + what + ": different types");
-    if (!isPort && !fedWires.emplace(to, inLead).second)
-        throw wSimulationException("Cannot connect " + what + ": too many input connections");
+    const eLeadType outType = from->getLeadType(false, isPort, outLead), inType = to->getLeadType(true, isPort, inLead);
+    if (outType != inType)
+        throw wSimulationException("Cannot connect " + what + ": different types: " +
+                                   leadLabel(source, false, outLead) + " is " + leadTypeNames[outType] + ", " +
+                                   leadLabel(target, true, inLead) + " is " + leadTypeNames[inType]);
+    if (!isPort) {
+        const auto [fed, isNew] = fedWires.emplace(std::make_pair(to, inLead), position);
+        if (!isNew)
+            throw wSimulationException("Cannot connect " + what + ": too many input connections: " +
+                                       leadLabel(target, true, inLead) + " is fed by simulation_scheme.connections[" +
+                                       std::to_string(fed->second) + "] already, and an input wire reads one wire");
+    }
 
     return wSimulationSystemScheme::Connection{from, to, std::move(outLead), std::move(inLead), isPort};
 }
@@ -110,6 +188,13 @@ zo::string withoutFileName(std::string_view message, const zo::string& file) {
     return zo::string(message);
 }
 
+// The fixed texts of failed parameter reads, with what the entry has to hold.
+zo::string explained(std::string_view message) {
+    constexpr std::string_view vector = " failed to Lua::Loader::getVector";
+    if (message.ends_with(vector)) return zo::string(message) + ": expected three numbers, { x, y, z }";
+    return zo::string(message);
+}
+
 // Overrides entries that no parameter took, each with the reason, in key order.
 zo::vector<zo::string> unusedOverrides(wSimulationSystemScheme& scheme, Lua::Loader& overrides,
                                        const std::set<std::pair<zo::string, zo::string>>& used) {
@@ -121,11 +206,9 @@ zo::vector<zo::string> unusedOverrides(wSimulationSystemScheme& scheme, Lua::Loa
             warnings.push_back(where + " was not used: the scheme has no block named " + blockName);
             continue;
         }
-        // Entries under a subsystem address its nested blocks: its own load checked them.
-        if (const wSimulationSystemScheme* nested = block->getNestedScheme()) {
-            for (const zo::string& w : nested->getLoadWarnings()) warnings.push_back(w);
-            continue;
-        }
+        // Entries under a subsystem address its nested blocks: its own load checked them,
+        // and its warnings join this scheme's.
+        if (block->getNestedScheme() != nullptr) continue;
         // (An entry for a block that is no table has failed the load already.)
         if (!overrides.tryBeginSubtable(blockName)) continue;
         zo::vector<zo::string> names;
@@ -156,10 +239,17 @@ void wSimulationSystemScheme::InputOutputBlock::load(Lua::Loader* loader) {
         loader->beginArray();
         while (loader->nextArray()) {
             zo::string name = loader->getString("name");
-            if (hasLead(io.isInput, io.isPort, name)) throw wSimulationException("Duplicate IO lead: " + name);
+            if (hasLead(io.isInput, io.isPort, name))
+                throw wSimulationException("Duplicate IO lead: " + name + " (at " + loader->formatPath("name") +
+                                           "; each name appears once in " + io.key + ")");
             const int type = loader->getInt("type");
-            if (!isValidLeadType(type))
-                throw wSimulationException("Invalid lead type (" + name + "): " + std::to_string(type));
+            if (!isValidLeadType(type)) {
+                zo::string types;
+                for (int t = 0; t < kLeadTypeCount; ++t)
+                    types += (t == 0 ? "" : ", ") + std::to_string(t) + " " + leadTypeNames[t];
+                throw wSimulationException("Invalid lead type (" + name + "): " + std::to_string(type) + "; use " +
+                                           types + " (at " + loader->formatPath("type") + ")");
+            }
             leads.push_back(wLeadDescription{std::move(name), static_cast<eLeadType>(type)});
         }
         loader->endSubtable();
@@ -239,11 +329,107 @@ void wSimulationSystemScheme::loadForRuntime(const zo::string& fileName, Lua::Lo
     }
     // A running load is told apart by its overrides loader: give it an empty table.
     Lua::Loader none;
-    none.createGlobalTable("a");
+    none.createGlobalTable("overrides");
     load_(fileName, &none, nullptr, isNested);
 }
 
 void wSimulationSystemScheme::loadForRuntime(const zo::string& fileName) { loadForRuntime(fileName, nullptr, false); }
+
+namespace {
+
+// More help after the message of a failed block entry: where it is, and for an unknown
+// class the registered class probably meant (also when the display name was written).
+wSimulationException blockFailure(const wSimulationException& e, const Lua::Loader& loader, int position) {
+    zo::string message = e.what();
+    zo::string type;
+    if (loader.tryGetString("__type", &type) && message == "Block " + type + " not found") {
+        zo::vector<zo::string> classes;
+        for (const auto& [key, description] : wSimulationBlockFactory::instance()->getKeysDescriptions())
+            classes.push_back(key);
+        zo::string hint = Text::didYouMean(type, classes);
+        if (hint.empty()) {
+            for (const zo::string& key : classes) {
+                const std::unique_ptr<wSimulationBlockDescriptor> block(wSimulationBlockFactory::instance()->generate(key));
+                if (Text::closestName(type, {block->getBlockTypeName()}).empty() && block->getBlockTypeName() != type)
+                    continue;
+                hint = "; " + type + " is the display name of " + key + ": write __type = \"" + key + "\"";
+                break;
+            }
+        }
+        message += hint;
+    }
+    // Messages of the serializer name the entry already (those of a nested file name
+    // entries of that file).
+    const zo::string where = "simulation_scheme.blocks[" + std::to_string(position) + "]";
+    if (message.find(where + ".") != zo::string::npos && message.find("Error while loading ") == zo::string::npos)
+        return wSimulationException(message);
+    return wSimulationException(message + " (at " + where + ")");
+}
+
+// "NAME (TYPE)" of the continuous blocks, for the message of a missing solver.
+zo::string continuousBlocks(const wSimulationSystemScheme::BlockList& blocks) {
+    zo::vector<zo::string> names;
+    for (const auto& b : blocks)
+        if (b->isOfType(BLOCK_DIFF)) names.push_back(b->getName() + " (" + b->getBlockTypeName() + ")");
+    return Text::listNames(names, 4);
+}
+
+zo::vector<zo::string> solverKinds() {
+    zo::vector<zo::string> kinds;
+    for (const auto& [key, description] : wOdeSolversFactory::instance()->getKeysDescriptions()) kinds.push_back(key);
+    return kinds;
+}
+
+// What a running load did not read, as warnings naming the file and the entry, each with
+// what the entry would have to be to be read.
+zo::vector<zo::string> unreadWarnings(const Lua::Loader& loader, const wSimulationSystemScheme::BlockList& blocks,
+                                      const zo::string& fileName, bool hasSolver) {
+    const zo::string top = loader.getGlobalName();
+    zo::vector<zo::string> warnings;
+    for (const Lua::Loader::UnreadEntry& e : loader.getUnreadEntries()) {
+        const zo::string& parent = e.parent;
+        zo::string why;
+        // Whose entry is it: a block, the parameters of a block, a connection, the top level.
+        const wSimulationBlockDescriptor* block = nullptr;
+        bool parameters = false;
+        const zo::string blocksPrefix = top + ".blocks[";
+        if (parent.starts_with(blocksPrefix)) {
+            const std::size_t close = parent.find(']', blocksPrefix.size());
+            const zo::string rest = close == zo::string::npos ? zo::string() : parent.substr(close + 1);
+            const int position = std::atoi(parent.c_str() + blocksPrefix.size());
+            if (position >= 1 && position <= static_cast<int>(blocks.size()) && (rest.empty() || rest == ".__parameters")) {
+                block = blocks[static_cast<std::size_t>(position - 1)].get();
+                parameters = !rest.empty();
+            }
+        }
+        if (e.key.starts_with("[")) {
+            why = "the list is read up to its first gap, and this entry comes after it";
+        } else if (block != nullptr && parameters) {
+            zo::vector<zo::string> names;
+            for (const wBlockParameterContainer& p : const_cast<wSimulationBlockDescriptor*>(block)->getParametersList())
+                names.push_back(p.getName());
+            why = "block " + block->getName() + " (" + block->getBlockTypeName() + ") has no parameter " + e.key +
+                  Text::didYouMean(e.key, names);
+        } else if (block != nullptr) {
+            why = "block " + block->getName() + " (" + block->getBlockTypeName() + ") does not use the key " + e.key +
+                  Text::didYouMean(e.key, e.asked);
+        } else if (parent == top && e.key == "solver" && !hasSolver) {
+            why = "the scheme has no continuous blocks, so it runs without a solver";
+        } else if (parent == top) {
+            why = "a scheme file holds blocks, solver, io and connections" +
+                  Text::didYouMean(e.key, {"blocks", "solver", "io", "connections"});
+        } else if (e.asked.empty()) {
+            why = "nothing is read from the table it is in";
+        } else {
+            why = "only " + Text::listNames(e.asked) + " " + (e.asked.size() == 1 ? "is" : "are") + " read here" +
+                  Text::didYouMean(e.key, e.asked);
+        }
+        warnings.push_back(fileName + ": " + e.path + " was not read: " + why);
+    }
+    return warnings;
+}
+
+}  // namespace
 
 void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* overrides, zo::vector<int>* discarded,
                                     bool isNested) {
@@ -256,6 +442,9 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
         Lua::Loader loader;
         loader.load(fileName, globalName());
         rootDir_ = loader.getDirectory();
+        // A running load reports every entry it did not read: a misspelt key is otherwise
+        // silently ignored.
+        loader.trackReads(running);
 
         bool hasContinuous = false;
         const zo::string blocksPath = loader.formatPath("blocks");
@@ -264,12 +453,17 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
         wEditorBlockSerializer editorReader(&loader, true);
         wRuntimeBlockSerializer runtimeReader(&loader, overrides);
         wBlockSerializer& reader = running ? static_cast<wBlockSerializer&>(runtimeReader) : editorReader;
-        // Plain names seen so far: addBlock's lookup is linear, which would make loading
-        // quadratic in the number of blocks. Dotted names ("sub.inner") still go through
-        // addBlock, which looks into subsystems.
-        std::unordered_set<std::string_view> plainNames;
+        // Plain names seen so far, with their place: addBlock's lookup is linear, which
+        // would make loading quadratic in the number of blocks. Dotted names ("sub.inner")
+        // still go through addBlock, which looks into subsystems.
+        std::unordered_map<std::string_view, int> plainNames;
         for (int position = 1; loader.nextArray(); ++position) {
-            std::unique_ptr<wSimulationBlockDescriptor> block(reader.createBlock());
+            std::unique_ptr<wSimulationBlockDescriptor> block;
+            try {
+                block.reset(reader.createBlock());
+            } catch (const wSimulationException& e) {
+                throw blockFailure(e, loader, position);
+            }
             hasContinuous = hasContinuous || block->isOfType(BLOCK_DIFF);
             // What a block will allocate is refused while its place in the file is known.
             if (running) checkBlockAllocation(*block, blocksPath + "[" + std::to_string(position) + "]");
@@ -278,8 +472,10 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
                 addBlock(std::move(block));
                 continue;
             }
-            if (!plainNames.insert(name).second)
-                throw wSimulationException("Trying to add block with duplicate name: " + name);
+            if (const auto [seen, isNew] = plainNames.emplace(name, position); !isNew)
+                throw wSimulationException("Trying to add block with duplicate name: " + name + " (at " + blocksPath +
+                                           "[" + std::to_string(position) + "]; " + blocksPath + "[" +
+                                           std::to_string(seen->second) + "] has that name already)");
             adoptBlock_(std::move(block));
         }
         loader.endSubtable();
@@ -289,8 +485,21 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
         // one keeps whatever the file holds.
         if (running ? hasContinuous : loader.hasEntry("solver")) {
             const zo::string where = loader.formatPath("solver");
+            if (!loader.hasEntry("solver"))
+                throw Lua::LoaderException(where + " is missing: the continuous blocks " + continuousBlocks(blocks_) +
+                                           " need a solver, e.g. solver = { __type = \"wSolverExplEulerDescriptor\","
+                                           " H = 0.001 }");
             loader.beginSubtable("solver");
-            setOdeSolverDescriptor(wOdeSolversFactory::instance()->load(&loader));
+            try {
+                setOdeSolverDescriptor(wOdeSolversFactory::instance()->load(&loader));
+            } catch (const wSimulationException& e) {
+                zo::string type;
+                if (!loader.tryGetString("__type", &type) || zo::string(e.what()) != "Unknown ODE solver type: " + type)
+                    throw;
+                const zo::vector<zo::string> kinds = solverKinds();
+                throw wSimulationException(zo::string(e.what()) + Text::didYouMean(type, kinds) + " (at " +
+                                           where + ".__type; the kinds are " + Text::listNames(kinds) + ")");
+            }
             loader.endSubtable();
             // A step that cannot integrate is refused here, with its place in the file,
             // rather than when the first simulate call hangs or goes backwards.
@@ -314,7 +523,7 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
             };
             if (running) {
                 try {
-                    connections_.push_back(readConnection(*this, loader, fedWires));
+                    connections_.push_back(readConnection(*this, loader, fedWires, position + 1));
                 } catch (const wSimulationException& e) {
                     throw located(e);
                 }
@@ -323,7 +532,7 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
             // An editor keeps going without the connections it cannot make.
             zo::string failure;
             try {
-                connections_.push_back(readConnection(*this, loader, fedWires));
+                connections_.push_back(readConnection(*this, loader, fedWires, position + 1));
                 continue;
             } catch (const Lua::LoaderException& e) {
                 failure = e.what();
@@ -337,12 +546,28 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
         loader.endSubtable();
 
         if (running) {
+            // What this file holds that the load did not read, then what nested files hold.
+            const zo::vector<zo::string> unread = unreadWarnings(loader, blocks_, fileName, hasContinuous);
+            if (log.enabled(LOG_WARNINGS))
+                for (const zo::string& w : unread) log << wSimulationLogger::Indenter() << "Warning: " << w << std::endl;
+            loadWarnings_.insert(loadWarnings_.end(), unread.begin(), unread.end());
+            // A file used by several subsystem blocks says what it lacks once.
+            std::unordered_set<std::string_view> seen(loadWarnings_.begin(), loadWarnings_.end());
+            zo::vector<zo::string> nestedWarnings;
+            for (const auto& b : blocks_)
+                if (const wSimulationSystemScheme* nested = b->getNestedScheme())
+                    for (const zo::string& w : nested->getLoadWarnings())
+                        if (seen.insert(w).second) nestedWarnings.push_back(w);
+            loadWarnings_.insert(loadWarnings_.end(), nestedWarnings.begin(), nestedWarnings.end());
+            // Analysis messages name blocks by their place in the file.
+            fileOrder_.clear();
+            for (const auto& b : blocks_) fileOrder_.push_back(b.get());
             postLoad_(isNested);
             // A nested scheme is counted with the scheme that holds it.
             if (!isNested) checkSchemeAllocation(*this);
         }
     } catch (const Lua::LoaderException& e) {
-        throw wSimulationException(prefix + withoutFileName(e.what(), fileName));
+        throw wSimulationException(prefix + withoutFileName(explained(e.what()), fileName));
     } catch (const wSimulationException& e) {
         if (std::string_view(e.what()).starts_with(prefix)) throw;
         throw wSimulationException(prefix + withoutFileName(e.what(), fileName));
@@ -351,4 +576,9 @@ void wSimulationSystemScheme::load_(const zo::string& fileName, Lua::Loader* ove
     } catch (const std::exception& e) {
         throw wSimulationException(prefix + e.what());
     }
+}
+
+int wSimulationSystemScheme::getFileIndex(const wSimulationBlockDescriptor* block) const {
+    const auto it = std::find(fileOrder_.begin(), fileOrder_.end(), block);
+    return it == fileOrder_.end() ? -1 : static_cast<int>(it - fileOrder_.begin());
 }

@@ -207,6 +207,7 @@ void wSimulationSystemScheme::clear_() {
     rootDir_.clear();
     fileName_.clear();
     loadWarnings_.clear();
+    fileOrder_.clear();
     clearAnalysis_();
 }
 

@@ -157,9 +157,13 @@ public:
     const zo::string& getRootDir() const { return rootDir_; }
     // The file of the last load, for messages; empty for a scheme built in memory.
     const zo::string& getFileName() const { return fileName_; }
-    // Things a running load accepted but a user would want to know about: entries of the
-    // overrides table that gave no parameter its value, each with its path and reason.
+    // Things a running load accepted but a user would want to know about, each with its
+    // path and reason: entries of the overrides table that gave no parameter its value,
+    // then entries of the file (and of nested files) that the load did not read.
     const zo::vector<zo::string>& getLoadWarnings() const { return loadWarnings_; }
+    // A block's 0-based place in the file of the last running load (connections count
+    // blocks so), or -1: the analysis reorders blocks, messages name them by the file.
+    int getFileIndex(const wSimulationBlockDescriptor* block) const;
 
     // ---- Analysis results (valid after a running load or analyse())
     // Sorts, orders, checks and lays out the scheme as a running load does.
@@ -223,4 +227,5 @@ private:
     zo::string rootDir_;
     zo::string fileName_;
     zo::vector<zo::string> loadWarnings_;
+    zo::vector<const wSimulationBlockDescriptor*> fileOrder_;  // blocks in file order (running loads)
 };
