@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 #include "vandrel/vandrel.h"
 
@@ -148,6 +149,15 @@ TEST(HostInterface, CreatorsAreNullaryFunctorsReturningRawPointers) {
     EXPECT_EQ(made->getClassName(), "wBlockNOTDescriptor");
     delete made;
     EXPECT_EQ(messageOf([&] { own.generate("wBlockNOTDescriptor"); }), "Block wBlockNOTDescriptor not found");
+    // A second class under a known key changes nothing; the list keeps registration order.
+    own.register_descriptor("and", wSimulationBlockFactory::Creator(&wBlockANDDescriptor::__create_instance), "conjunction");
+    EXPECT_EQ(messageOf([&] { own.register_descriptor("not", &wBlockANDDescriptor::__create_instance, "x"); }),
+              "Duplicate simulation block: not");
+    using Pair = std::pair<zo::string, zo::string>;
+    EXPECT_EQ(own.getKeysDescriptions(), (zo::vector<Pair>{{"not", "negation"}, {"and", "conjunction"}}));
+    made = own.generate("not");
+    EXPECT_NE(dynamic_cast<wBlockNOTDescriptor*>(made), nullptr);
+    delete made;
 
     const CoreMeta::Functor<wOdeSolverDescriptor*> euler([] {
         return wOdeSolversFactory::instance()->generate("wSolverExplEulerDescriptor");

@@ -65,7 +65,7 @@ TEST(Registration, BlockClassesAreListedInRegistrationOrder) {
     for (std::size_t i = 0; i < expected.size(); ++i) {
         EXPECT_EQ(listed[i], expected[i]) << "at position " << i;
         // Each key makes a descriptor that reports the same key.
-        auto d = wSimulationBlockFactory::instance()->generate(expected[i].first);
+        std::unique_ptr<wSimulationBlockDescriptor> d(wSimulationBlockFactory::instance()->generate(expected[i].first));
         EXPECT_EQ(d->getClassName(), expected[i].first);
     }
     for (std::size_t i = expected.size(); i < listed.size(); ++i)
