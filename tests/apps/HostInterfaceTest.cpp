@@ -102,7 +102,8 @@ TEST(HostInterface, BuildsRunsAndHandsOwnershipAsDocumented) {
 
 TEST(HostInterface, PortsAndParametersComeOutAsOwningPointers) {
     // A host-side creator of its own, and the library's for every lead type but "object ptr".
-    const wConcreteLeadCreator<double, LEAD_DOUBLE> mine;
+    static_assert(std::is_same_v<wConcreteLeadCreator<int, 0>, wConcreteLeadCreator<int, LEAD_INT>>);
+    const wConcreteLeadCreator<double, 2> mine;
     wOutputPortBase* out = mine.createOutputPort();
     wInputPortBase* a = mine.createInputPort();
     wInputPortBase* b = leadCreator(LEAD_DOUBLE).createInputPort();
