@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 #include "vandrel/vandrel.h"
 
@@ -101,7 +102,8 @@ TEST(HostInterface, BuildsRunsAndHandsOwnershipAsDocumented) {
 
 TEST(HostInterface, PortsAndParametersComeOutAsOwningPointers) {
     // A host-side creator of its own, and the library's for every lead type but "object ptr".
-    const wConcreteLeadCreator<double, LEAD_DOUBLE> mine;
+    static_assert(std::is_same_v<wConcreteLeadCreator<int, 0>, wConcreteLeadCreator<int, LEAD_INT>>);
+    const wConcreteLeadCreator<double, 2> mine;
     wOutputPortBase* out = mine.createOutputPort();
     wInputPortBase* a = mine.createInputPort();
     wInputPortBase* b = leadCreator(LEAD_DOUBLE).createInputPort();
@@ -148,6 +150,15 @@ TEST(HostInterface, CreatorsAreNullaryFunctorsReturningRawPointers) {
     EXPECT_EQ(made->getClassName(), "wBlockNOTDescriptor");
     delete made;
     EXPECT_EQ(messageOf([&] { own.generate("wBlockNOTDescriptor"); }), "Block wBlockNOTDescriptor not found");
+    // A second class under a known key changes nothing; the list keeps registration order.
+    own.register_descriptor("and", wSimulationBlockFactory::Creator(&wBlockANDDescriptor::__create_instance), "conjunction");
+    EXPECT_EQ(messageOf([&] { own.register_descriptor("not", &wBlockANDDescriptor::__create_instance, "x"); }),
+              "Duplicate simulation block: not");
+    using Pair = std::pair<zo::string, zo::string>;
+    EXPECT_EQ(own.getKeysDescriptions(), (zo::vector<Pair>{{"not", "negation"}, {"and", "conjunction"}}));
+    made = own.generate("not");
+    EXPECT_NE(dynamic_cast<wBlockNOTDescriptor*>(made), nullptr);
+    delete made;
 
     const CoreMeta::Functor<wOdeSolverDescriptor*> euler([] {
         return wOdeSolversFactory::instance()->generate("wSolverExplEulerDescriptor");

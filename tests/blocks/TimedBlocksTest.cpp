@@ -326,6 +326,13 @@ TEST(Multiplexer, RoutesEachValueByTheSelectWireAtArrival) {
     EXPECT_EQ(testutil::messageOf([&] { m.setLeadType(LEAD_OBJECT_PTR); }), "Multiplexor mux: invalid type 5");
     m.setLeadType(LEAD_BOOL);
     EXPECT_EQ(m.getOutputPorts()[1], (wLeadDescription{"right", LEAD_BOOL}));
+    // An editor setting the outputs gets the same checks as a file, and a refused list
+    // leaves the block as it was.
+    EXPECT_EQ(testutil::messageOf([&] { m.setOutputs(wLeadList{{"x", LEAD_BOOL}, {"x", LEAD_BOOL}}); }),
+              "Multiplexor mux: duplicate output x");
+    EXPECT_EQ(testutil::messageOf([&] { m.setOutputs(wLeadList{{"x", LEAD_INT}}); }),
+              "Multiplexor mux: output x has type 0, expected 1");
+    EXPECT_EQ(m.getOutputPorts(), (wLeadList{{"left", LEAD_BOOL}, {"right", LEAD_BOOL}}));
 
     // Without "outputs", the default outputs take the block's type, and save so.
     SchemeText bare;

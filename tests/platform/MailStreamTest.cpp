@@ -69,6 +69,26 @@ TEST(MailBitStream, ReadingGivenBytesAndOverrun) {
     s.transferBits(&all, 16);
     EXPECT_EQ(all, 0x1234);
     EXPECT_FALSE(s.overrun());
+
+    // Whole-byte reads from a byte boundary take only the bytes that are there; the rest
+    // reads as zero and marks the overrun.
+    struct Case {
+        unsigned skip, bits;  // bits read first (to move the position), bits then read
+        std::uint32_t expected;
+        bool overrun;
+    };
+    const Case cases[] = {{0, 16, 0x1234, false}, {0, 32, 0x1234, true}, {8, 24, 0x12, true}, {16, 8, 0, true},
+                          {4, 8, 0x23, false}, {4, 16, 0x123, true}};
+    for (const Case& c : cases) {
+        s.rewind();
+        std::uint32_t skipped = 0, got = 0xFFFFFFFF;
+        s.transferBits(&skipped, c.skip);
+        s.transferBits(&got, c.bits);
+        if (c.bits < 32) got &= (1u << c.bits) - 1;  // bits beyond the read are not the stream's
+        EXPECT_EQ(got, c.expected) << c.skip << "+" << c.bits;
+        EXPECT_EQ(s.overrun(), c.overrun) << c.skip << "+" << c.bits;
+        EXPECT_EQ(s.position(), c.skip + c.bits);
+    }
 }
 
 }  // namespace

@@ -212,7 +212,7 @@ TEST(RuntimeEuler, SolverTableRoundTripsThroughTheLoader) {
 
     Lua::Loader in;
     in.loadString("solver = { __type = \"wSolverExplEulerDescriptor\", H = 0.02 }", "mem", "solver");
-    auto loaded = wOdeSolversFactory::instance()->load(&in);
+    std::unique_ptr<wOdeSolverDescriptor> loaded(wOdeSolversFactory::instance()->load(&in));
     EXPECT_EQ(static_cast<wSolverExplEulerDescriptor&>(*loaded).getH(), 0.02);
 
     // Missing entries fail in the loader, naming the entry.

@@ -140,23 +140,6 @@ TEST(SchemeModel, ConnectionsLeadsAndCopies) {
     EXPECT_EQ(other.getConnections()[1].to, &other.getSpecialCmdsBlock());
 }
 
-TEST(BlockFactory, RegisterGenerateAndList) {
-    EXPECT_EQ(wSimulationBlockFactory::instance(), wSimulationBlockFactory::instance());
-    wSimulationBlockFactory f;  // a private one: the library's registrations stay untouched
-    f.registerClass<GainDescriptor>("Gain block");
-    f.register_descriptor("wBlockI2ODescriptor<int CMA double>", &CounterDescriptor::__create_instance, "conv");
-    EXPECT_EQ(std::unique_ptr<wSimulationBlockDescriptor>(f.generate("TestGain"))->getBlockTypeName(), "TestGain");
-    EXPECT_NE(dynamic_cast<CounterDescriptor*>(std::unique_ptr<wSimulationBlockDescriptor>(f.generate("wBlockI2ODescriptor<int CMA double>")).get()), nullptr);
-    for (const char* key : {"wBlockI2ODescriptor<int, double>", "testgain"})
-        EXPECT_EQ(messageOf([&] { f.generate(key); }), std::string("Block ") + key + " not found");
-    EXPECT_EQ(messageOf([&] { f.registerClass<GainDescriptor>("again"); }), "Duplicate simulation block: TestGain");
-    EXPECT_EQ(messageOf([&] { f.register_descriptor("TestGain", &CounterDescriptor::__create_instance, "x"); }),
-              "Duplicate simulation block: TestGain");
-    EXPECT_NE(dynamic_cast<GainDescriptor*>(std::unique_ptr<wSimulationBlockDescriptor>(f.generate("TestGain")).get()), nullptr);
-    using Pair = std::pair<zo::string, zo::string>;  // in registration order
-    EXPECT_EQ(f.getKeysDescriptions(), (zo::vector<Pair>{{"TestGain", "Gain block"}, {"wBlockI2ODescriptor<int CMA double>", "conv"}}));
-}
-
 TEST(SchemeFile, SavedTextIsExactAndLoadsBackToTheSameBytes) {
     Builder b;
     b.inputWire("u");

@@ -296,9 +296,11 @@ private:
     wOutputPortObjPtr<X> output_;
 };
 
-// The port factory of one lead type: T is the carried value type, Type its eLeadType.
+// The port factory of one lead type: T is the carried value type, Type its eLeadType
+// value. Type is held as the enumeration's integer so that both spellings name the same
+// class: wConcreteLeadCreator<double, 2> and wConcreteLeadCreator<double, LEAD_DOUBLE>.
 // One static instance per type sits behind leadCreator(); hosts may also make their own.
-template <class T, eLeadType Type>
+template <class T, std::underlying_type_t<eLeadType> Type>
 class wConcreteLeadCreator final : public wLeadCreator {
 public:
     static_assert(wLeadTypeOf<T>::value == Type);
