@@ -5,11 +5,17 @@
 #include <benchmark/benchmark.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
 #include <memory>
 #include <new>
 #include <vector>
 
+#include "LagsReference.h"
 #include "SchemeGen.h"
 #include "vandrel/vandrel.h"
 
@@ -70,7 +76,7 @@ void BM_Lags(benchmark::State& state) {
     state.counters["ns_per_state_step"] =
         benchmark::Counter(steps * n, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
-BENCHMARK(BM_Lags)->Arg(10)->Arg(100)->Arg(1000)->Arg(10000);
+BENCHMARK(BM_Lags)->Arg(10)->Arg(100)->Arg(1000)->Arg(10000)->Arg(50000);
 
 // The same arithmetic on plain arrays: e = u - x; x += H * e.
 void BM_LagsReference(benchmark::State& state) {
@@ -78,8 +84,7 @@ void BM_LagsReference(benchmark::State& state) {
     std::vector<double> x(n, 0.0), e(n, 0.0);
     const double u = 1.0, H = 1e-3;
     for (auto _ : state) {
-        for (std::size_t i = 0; i < n; ++i) e[i] = u - x[i];
-        for (std::size_t i = 0; i < n; ++i) x[i] += H * e[i];
+        bench::lagsReferenceStep(x.data(), e.data(), n, u, H);
         benchmark::ClobberMemory();
     }
     benchmark::DoNotOptimize(x.data());
@@ -89,7 +94,7 @@ void BM_LagsReference(benchmark::State& state) {
     state.counters["ns_per_state_step"] =
         benchmark::Counter(steps * static_cast<double>(n), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
-BENCHMARK(BM_LagsReference)->Arg(10)->Arg(100)->Arg(1000)->Arg(10000);
+BENCHMARK(BM_LagsReference)->Arg(10)->Arg(100)->Arg(1000)->Arg(10000)->Arg(50000);
 
 // 1000 discrete blocks with periods of 1 to 10 ms: events through the schedule.
 void BM_Events(benchmark::State& state) {
@@ -160,6 +165,55 @@ void BM_Memory(benchmark::State& state) {
 }
 BENCHMARK(BM_Memory)->Arg(1000)->Iterations(1)->Unit(benchmark::kMillisecond);
 
+// The program given "--first-load FILE": loads FILE for running, instantiates it and
+// prints the milliseconds that took. BM_FirstLoad runs it as a fresh process.
+int firstLoad(const char* file) {
+    const auto start = std::chrono::steady_clock::now();
+    auto scheme = std::make_unique<wSimulationSystemScheme>();
+    scheme->loadForRuntime(file);
+    std::unique_ptr<wSimulationSystem> system(scheme->instantiate());
+    const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
+    benchmark::DoNotOptimize(system.get());
+    std::printf("%.3f\n", took.count());
+    return 0;
+}
+
+std::string gSelf;  // this program, for BM_FirstLoad
+
+// Load + instantiate of a lags scheme of about range(0) blocks in a fresh process (no warm
+// Lua state, no allocator pools, no page cache of the library beyond the file itself).
+void BM_FirstLoad(benchmark::State& state) {
+    const int blocks = static_cast<int>(state.range(0));
+    const int n = blocks / 2;  // 2N + 1 blocks
+    const std::string file =
+        bench::writeTemp("vandrel-bench-first-" + std::to_string(n) + ".lua", bench::lagsScheme(n, 1e-3));
+    const std::string command = "'" + gSelf + "' --first-load '" + file + "'";
+    for (auto _ : state) {
+        double ms = -1;
+        if (FILE* p = popen(command.c_str(), "r")) {
+            if (std::fscanf(p, "%lf", &ms) != 1) ms = -1;
+            pclose(p);
+        }
+        if (ms < 0) {
+            state.SkipWithError("the first-load process failed");
+            break;
+        }
+        state.SetIterationTime(ms / 1000.0);
+    }
+    state.counters["blocks"] = 2.0 * n + 1;
+}
+BENCHMARK(BM_FirstLoad)->Arg(1000)->Arg(10000)->Arg(100000)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    if (argc == 3 && std::strcmp(argv[1], "--first-load") == 0) return firstLoad(argv[2]);
+    std::error_code error;
+    gSelf = std::filesystem::read_symlink("/proc/self/exe", error).string();
+    if (error) gSelf = argv[0];
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

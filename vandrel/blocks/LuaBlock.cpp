@@ -347,8 +347,7 @@ wOutputPortBase* wBlockLua::getOutputPort(std::string_view name) {
 }
 
 double wBlockLua::step(double t) {
-    wSimulationLogger& log = wSimulationLogger::instance();
-    if (log.enabled(LOG_TRACE)) log << wSimulationLogger::Indenter() << "wBlockLua(" << t << ")" << std::endl;
+    if (wSimulationLogger::tracingSteps()) [[unlikely]] wSimulationLogger::traceStep("wBlockLua", t);
 
     Lua::ScriptArgs args;
     args.count = 1;

@@ -21,16 +21,21 @@ class wSimulationLogger {
 public:
     struct Indenter {};
 
-    // Inline: blocks test the level at every evaluation, so this must cost a load or two.
     static wSimulationLogger& instance() {
         static wSimulationLogger logger;
         return logger;
     }
 
-    void setLevel(weSimulationLogLevel level) { level_ = level; }
-    void setLevel(int level) { level_ = static_cast<weSimulationLogLevel>(level); }
+    void setLevel(weSimulationLogLevel level) {
+        level_ = level;
+        traceSteps_ = enabled(LOG_TRACE);
+    }
+    void setLevel(int level) { setLevel(static_cast<weSimulationLogLevel>(level)); }
     weSimulationLogLevel getLevel() const { return level_; }
-    void setStream(std::ostream* stream) { stream_ = stream; }
+    void setStream(std::ostream* stream) {
+        stream_ = stream;
+        traceSteps_ = enabled(LOG_TRACE);
+    }
     std::ostream* getStream() const { return stream_; }
 
     // Indentation in spaces. A negative width is refused like an over-long string
@@ -41,6 +46,13 @@ public:
 
     // True when a line at `level` would be written (level reached and a stream set).
     bool enabled(int level) const { return level_ >= level && stream_ != nullptr; }
+
+    // Block bodies run millions of times a second: they test this one constant-initialised
+    // byte (no guard of instance()'s static, no call) and leave the writing to traceStep.
+    // The setters keep it equal to enabled(LOG_TRACE).
+    static bool tracingSteps() { return traceSteps_; }
+    // Writes a body's trace line "<indent><what>(<t>)"; kept out of line and cold.
+    static void traceStep(const char* what, double t);
 
     wSimulationLogger& operator<<(const Indenter&) {
         *stream_ << indent_;
@@ -61,6 +73,7 @@ private:
     weSimulationLogLevel level_ = LOG_NONE;
     std::ostream* stream_ = nullptr;
     zo::string indent_;
+    static inline constinit bool traceSteps_ = false;
 };
 
 // Raises the logger's indentation by 4 for a scope (the nesting of dumps).
