@@ -70,16 +70,20 @@ TEST_F(Cli, RunWritesOneRowPerStepMatchingEulerByHand) {
 
 TEST_F(Cli, RunSamplesOnAGridAndFeedsInputsFromCsv) {
     const auto scheme = write("lag.lua", kLag);
-    // u = 0 until t = 0.5, then 1: y stays 0, then follows 1 - 0.9^k.
+    // u = 0 until t = 0.5, then 1: y stays 0, then approaches 1 by Euler steps of at most 0.1.
     const auto inputs = write("u.csv", "time,u,v.y\n0,0,0\n0.5,1,2\n");
     const Result r = run("run " + scheme.string() + " --until 1 --every 0.25 --inputs " + inputs.string() + " -q");
     ASSERT_EQ(r.status, 0) << r.err;
     const auto rows = csv(r.out);
-    ASSERT_EQ(rows.size(), 5u);  // header, 0.25, 0.5, 0.75, 1 (no state reached before 0.1)
-    EXPECT_EQ(rows[1][0], "0.25");
-    EXPECT_EQ(std::stod(rows[2][1]), 0.0);                     // y(0.5): input not yet 1
-    EXPECT_NEAR(std::stod(rows[3][1]), 1 - std::pow(0.9, 2), 1e-12);  // y(0.7), held at 0.75
-    EXPECT_NEAR(std::stod(rows[4][1]), 1 - std::pow(0.9, 5), 1e-12);  // y(1.0)
+    ASSERT_EQ(rows.size(), 6u);  // header, 0, 0.25, 0.5, 0.75, 1
+    EXPECT_EQ(rows[1], (std::vector<std::string>{"0", "0"}));
+    EXPECT_EQ(rows[2][0], "0.25");
+    EXPECT_EQ(std::stod(rows[3][1]), 0.0);  // y(0.5): input not yet 1
+    // The input changes at 0.5: Euler steps of 0.1 from there, the last one cut to land on
+    // 0.75, y = 1 - 0.9^2 (1 - 0.05).
+    EXPECT_NEAR(std::stod(rows[4][1]), 1 - std::pow(0.9, 2) * 0.95, 1e-12);
+    // Then 0.1, 0.1 and a last step of 0.05 to 1.0.
+    EXPECT_NEAR(std::stod(rows[5][1]), 1 - std::pow(0.9, 4) * 0.95 * 0.95, 1e-12);
 }
 
 TEST_F(Cli, TankExampleSettlesAtTheProportionalEquilibrium) {
@@ -89,13 +93,14 @@ TEST_F(Cli, TankExampleSettlesAtTheProportionalEquilibrium) {
                          " --plot " + png.string());
     ASSERT_EQ(r.status, 0) << r.err;
     const auto rows = csv(slurp(out));
-    ASSERT_EQ(rows.size(), 61u);
+    ASSERT_EQ(rows.size(), 62u);  // t = 0, 1, ..., 60
     EXPECT_EQ(rows[0], (std::vector<std::string>{"time", "level", "setpoint", "pump"}));
+    for (std::size_t i = 1; i < rows.size(); ++i) EXPECT_EQ(rows[i][0], std::to_string(i - 1)) << i;
     // Setpoint: 0.05 m/s ramp, then 1.5. Level: 2.5 (1.5 - h) = 0.5 h gives h = 1.25.
-    EXPECT_NEAR(std::stod(rows[10][2]), 0.5, 1e-9);
-    EXPECT_EQ(std::stod(rows[60][2]), 1.5);
-    EXPECT_NEAR(std::stod(rows[60][1]), 1.25, 1e-6);
-    EXPECT_NEAR(std::stod(rows[60][3]), 0.625, 1e-6);
+    EXPECT_NEAR(std::stod(rows[11][2]), 0.5, 1e-9);
+    EXPECT_EQ(std::stod(rows[61][2]), 1.5);
+    EXPECT_NEAR(std::stod(rows[61][1]), 1.25, 1e-6);
+    EXPECT_NEAR(std::stod(rows[61][3]), 0.625, 1e-6);
     EXPECT_EQ(slurp(png).substr(1, 3), "PNG");
 }
 
@@ -117,9 +122,12 @@ TEST_F(Cli, OverridesAndStateFilesContinueARun) {
     r = run("run " + scheme + overrides + " --until 2 --every 0.5 -q --state-in " + state.string());
     ASSERT_EQ(r.status, 0) << r.err;
     const auto rows = csv(r.out);
-    ASSERT_GE(rows.size(), 3u);
-    EXPECT_NEAR(std::stod(rows[1][0]), 1.5, 1e-9);
-    EXPECT_NEAR(std::stod(rows[1][2]), 75, 1e-9);
+    ASSERT_GE(rows.size(), 4u);
+    // The table starts where the first one ended, and goes on from there.
+    EXPECT_EQ(rows[1][0], "1");
+    EXPECT_NEAR(std::stod(rows[1][2]), 50, 1e-9);
+    EXPECT_EQ(rows[2][0], "1.5");
+    EXPECT_NEAR(std::stod(rows[2][2]), 75, 1e-9);
     // Ending before the saved time is a mistake, not an empty table.
     r = run("run " + scheme + overrides + " --until 0.5 -q --state-in " + state.string());
     EXPECT_EQ(r.status, 2);
@@ -161,7 +169,7 @@ TEST_F(Cli, SafeScriptsKeepScriptBlocksAwayFromFilesAndTheProcess) {
     Result r = run("run " + example("pump_control.lua") + " --until 7200 --every 60 -q --safe-scripts");
     ASSERT_EQ(r.status, 0) << r.err;
     const auto rows = csv(r.out);
-    ASSERT_EQ(rows.size(), 121u);
+    ASSERT_EQ(rows.size(), 122u);  // t = 0, 60, ..., 7200
     EXPECT_EQ(rows[0], (std::vector<std::string>{"time", "level", "q_in", "q_out", "pumps", "state"}));
     int assisted = 0;
     double peak = 0.0;

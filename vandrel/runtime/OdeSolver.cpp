@@ -1,5 +1,7 @@
 #include "vandrel/runtime/OdeSolver.h"
 
+#include "vandrel/runtime/Snapshot.h"
+
 #include <cmath>
 
 #include "vandrel/platform/LuaLoader.h"
@@ -59,3 +61,7 @@ void wOdeSolversFactory::save(Lua::Loader* loader, wOdeSolverDescriptor& descrip
     loader->setString("__type", descriptor.getTypeName());
     descriptor.save(loader);
 }
+
+void wOdeSolver::saveSnapshot(wSnapshotWriter& out) const { out.put(static_cast<std::int64_t>(steps_)); }
+
+void wOdeSolver::restoreSnapshot(wSnapshotReader& in) { steps_ = in.get<std::int64_t>("solver step count"); }

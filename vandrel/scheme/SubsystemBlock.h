@@ -136,6 +136,9 @@ public:
         return nested_.measureSchemeStateData(in, available);
     }
     void registerStateData() override;
+    // The nested system's whole state.
+    void saveSnapshot(wSnapshotWriter& out) const override { nested_.saveSnapshotBody(out); }
+    void restoreSnapshot(wSnapshotReader& in) override { nested_.restoreSnapshotBody(in); }
 
     wSimulationSystem& getNestedSystem() { return nested_; }
 
