@@ -22,6 +22,11 @@ bool isAccessorKey(lua_State* L, int index) {
     return std::strcmp(k, "inputs") == 0 || std::strcmp(k, "outputs") == 0 || std::strcmp(k, "outports") == 0;
 }
 
+bool plainKey(lua_State* L, int index) {
+    const int t = lua_type(L, index);
+    return t == LUA_TSTRING || t == LUA_TNUMBER || t == LUA_TBOOLEAN;
+}
+
 // Pushes the environment of the instance keyed `key`, or raises an error.
 void pushEnvironment(lua_State* L, const void* key) {
     lua_getfield(L, LUA_GLOBALSINDEX, "__instance_tables");
@@ -38,11 +43,6 @@ struct SaveRequest {
     const void* key;
     zo::vector<unsigned char>* out;
 };
-
-bool plainKey(lua_State* L, int index) {
-    const int t = lua_type(L, index);
-    return t == LUA_TSTRING || t == LUA_TNUMBER || t == LUA_TBOOLEAN;
-}
 
 // Whether the value at `index` is one that can be saved (see the header).
 bool saveable(lua_State* L, int index, int depth) {
@@ -71,6 +71,45 @@ bool saveable(lua_State* L, int index, int depth) {
     return true;
 }
 
+// Key order for writing: booleans (false first), numbers, strings, each by value, so
+// that equal tables are written as equal bytes whatever order pairs() visits them in.
+bool keyBefore(lua_State* L, int a, int b) {
+    const int ta = lua_type(L, a), tb = lua_type(L, b);
+    if (ta != tb) return ta < tb;  // LUA_TBOOLEAN < LUA_TNUMBER < LUA_TSTRING
+    if (ta == LUA_TBOOLEAN) return lua_toboolean(L, a) < lua_toboolean(L, b);
+    return lua_lessthan(L, a, b) != 0;
+}
+
+// Pushes an array of the plain keys of the table at `table` (accessors skipped when
+// `skipAccessors`), sorted by keyBefore; returns their number. Insertion sort: the
+// tables a block keeps are small.
+int pushSortedKeys(lua_State* L, int table, bool skipAccessors) {
+    luaL_checkstack(L, 6, "snapshot of a Lua table");
+    lua_newtable(L);
+    const int keys = lua_gettop(L);
+    int n = 0;
+    lua_pushnil(L);
+    while (lua_next(L, table) != 0) {
+        lua_pop(L, 1);
+        if (!plainKey(L, -1) || (skipAccessors && isAccessorKey(L, -1))) continue;
+        // Insert the key (on top) at its place among keys[1..n].
+        int i = n;
+        for (; i >= 1; --i) {
+            lua_rawgeti(L, keys, i);
+            const bool after = keyBefore(L, -2, -1);
+            if (!after) {
+                lua_pop(L, 1);
+                break;
+            }
+            lua_rawseti(L, keys, i + 1);
+        }
+        lua_pushvalue(L, -1);
+        lua_rawseti(L, keys, i + 1);
+        ++n;
+    }
+    return n;
+}
+
 void put(zo::vector<unsigned char>& out, const void* p, std::size_t n) {
     const auto* b = static_cast<const unsigned char*>(p);
     out.insert(out.end(), b, b + n);
@@ -79,6 +118,24 @@ void put(zo::vector<unsigned char>& out, const void* p, std::size_t n) {
 void putCount(zo::vector<unsigned char>& out, std::size_t n) {
     const auto v = static_cast<std::uint32_t>(n);
     put(out, &v, sizeof v);
+}
+
+void write(lua_State* L, int index, zo::vector<unsigned char>& out);
+
+// The count of the table's pairs, then each pair in key order.
+void writePairs(lua_State* L, int table, bool skipAccessors, zo::vector<unsigned char>& out) {
+    const int n = pushSortedKeys(L, table, skipAccessors);
+    const int keys = lua_gettop(L);
+    putCount(out, static_cast<std::size_t>(n));
+    for (int i = 1; i <= n; ++i) {
+        lua_rawgeti(L, keys, i);
+        lua_pushvalue(L, -1);
+        lua_rawget(L, table);
+        write(L, lua_gettop(L) - 1, out);
+        write(L, lua_gettop(L), out);
+        lua_pop(L, 2);
+    }
+    lua_pop(L, 1);
 }
 
 // Writes a value that saveable() accepted.
@@ -100,21 +157,8 @@ void write(lua_State* L, int index, zo::vector<unsigned char>& out) {
         put(out, s, n);
     } else {
         out.push_back(TAG_TABLE);
-        luaL_checkstack(L, 3, "snapshot of a Lua table");
         const int table = index < 0 ? lua_gettop(L) + index + 1 : index;
-        std::size_t count = 0;
-        lua_pushnil(L);
-        while (lua_next(L, table) != 0) {
-            ++count;
-            lua_pop(L, 1);
-        }
-        putCount(out, count);
-        lua_pushnil(L);
-        while (lua_next(L, table) != 0) {
-            write(L, lua_gettop(L) - 1, out);
-            write(L, lua_gettop(L), out);
-            lua_pop(L, 1);
-        }
+        writePairs(L, table, false, out);
     }
 }
 
@@ -122,8 +166,7 @@ int saveInstance(lua_State* L) {
     auto* rq = static_cast<SaveRequest*>(lua_touserdata(L, 1));
     zo::vector<unsigned char>& out = *rq->out;
     pushEnvironment(L, rq->key);  // 2
-    // The block's own globals.
-    std::size_t count = 0;
+    // The block's own globals: everything is checked before anything is written.
     lua_pushnil(L);
     while (lua_next(L, 2) != 0) {
         if (!isAccessorKey(L, -2)) {
@@ -135,33 +178,28 @@ int saveInstance(lua_State* L) {
                                   luaL_typename(L, -2),
                                   lua_istable(L, -2) ? " with a metatable, a function or a cycle" : "");
             }
-            ++count;
         }
         lua_pop(L, 1);
     }
-    putCount(out, count);
-    lua_pushnil(L);
-    while (lua_next(L, 2) != 0) {
-        if (!isAccessorKey(L, -2)) {
-            write(L, lua_gettop(L) - 1, out);
-            write(L, lua_gettop(L), out);
-        }
-        lua_pop(L, 1);
-    }
-    // The upvalues of the script's functions that hold state.
+    writePairs(L, 2, true, out);
+    // The upvalues of the script's functions that hold state, by function name.
     const std::size_t countAt = out.size();
     putCount(out, 0);
     std::uint32_t upvalues = 0;
-    lua_pushnil(L);
-    while (lua_next(L, LUA_GLOBALSINDEX) != 0) {
+    const int n = pushSortedKeys(L, LUA_GLOBALSINDEX, false);
+    const int names = lua_gettop(L);
+    for (int k = 1; k <= n; ++k) {
+        lua_rawgeti(L, names, k);
+        lua_pushvalue(L, -1);
+        lua_rawget(L, LUA_GLOBALSINDEX);
         const int f = lua_gettop(L);
         if (lua_type(L, f - 1) == LUA_TSTRING && lua_isfunction(L, f) && !lua_iscfunction(L, f)) {
             for (int i = 1; lua_getupvalue(L, f, i) != nullptr; ++i) {
                 if (!lua_isfunction(L, -1) && saveable(L, lua_gettop(L), 0)) {
-                    std::size_t n = 0;
-                    const char* name = lua_tolstring(L, f - 1, &n);
-                    putCount(out, n);
-                    put(out, name, n);
+                    std::size_t len = 0;
+                    const char* name = lua_tolstring(L, f - 1, &len);
+                    putCount(out, len);
+                    put(out, name, len);
                     putCount(out, static_cast<std::size_t>(i));
                     write(L, lua_gettop(L), out);
                     ++upvalues;
@@ -169,7 +207,7 @@ int saveInstance(lua_State* L) {
                 lua_pop(L, 1);
             }
         }
-        lua_pop(L, 1);
+        lua_pop(L, 2);
     }
     std::memcpy(out.data() + countAt, &upvalues, sizeof upvalues);
     return 0;

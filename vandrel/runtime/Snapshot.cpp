@@ -59,7 +59,7 @@ double wSnapshotReader::getFinite(const char* field) {
 std::size_t wSnapshotReader::getCount(std::size_t elementSize, const char* field) {
     const auto n = static_cast<std::size_t>(get<std::uint32_t>(field));
     if (elementSize > 0 && n > remaining() / elementSize)
-        fail(zo::string(field) + " announces " + std::to_string(n) + " elements of " + std::to_string(elementSize) +
+        fail("truncated: " + zo::string(field) + " announces " + std::to_string(n) + " elements of " + std::to_string(elementSize) +
              " bytes, but only " + std::to_string(remaining()) + " bytes are left");
     return n;
 }
