@@ -175,8 +175,8 @@ double runPerCall(wSimulationSystem& system, const RunOptions& o, std::optional<
     }
 }
 
-// A row at each sample time start + k * every up to --until, the time column computed
-// as such rather than accumulated. The system is asked to hand control back at each
+// A row at the start, then at each multiple k * every after it up to --until, the time
+// column computed as such rather than accumulated. The system is asked to hand control back at each
 // sample time (and at each change of the inputs), so it integrates exactly up to it.
 // A row shows the system as it reached its time, before the events due then, as the
 // rows of a run without --every do; the first shows it as it starts. Returns the time
@@ -184,17 +184,22 @@ double runPerCall(wSimulationSystem& system, const RunOptions& o, std::optional<
 double runSampled(wSimulationSystem& system, const RunOptions& o, std::optional<InputSeries>& series,
                   const std::vector<WireSlot>& outputs, double start, TableWriter& table, Progress& progress) {
     unsigned char* data = system.getDataPtr();
-    auto sampleTime = [&](long long k) { return start + static_cast<double>(k) * o.every; };
+    // The grid is anchored at 0, not at the start: a run restored from a state file then
+    // asks for the same times, and so integrates the same steps, as one never interrupted.
+    auto sampleTime = [&](long long k) { return static_cast<double>(k) * o.every; };
+    // Sample times print as the multiples they are (3 x 0.1 as 0.3, not 0.30000000000000004).
+    const int timeDigits = o.precision > 0 ? o.precision : 15;
     auto row = [&](double time) {
-        table.line(formatNumber(time, o.precision) + rowValues(data, outputs, o.precision));
+        table.line(formatNumber(time, timeDigits) + rowValues(data, outputs, o.precision));
         progress.update(time);
     };
     system.updateOutputs();
     row(start);
     double t = start;
-    long long k = 1;
+    auto k = static_cast<long long>(std::ceil(start / o.every - 1e-9));
+    if (sampleTime(k) <= start + kTimeEps) ++k;
     int stalled = 0;  // calls in a row that did not move time
-    for (double target = sampleTime(1); target <= o.until + kTimeEps;) {
+    for (double target = sampleTime(k); target <= o.until + kTimeEps;) {
         // Control back at the sample time, or earlier where the inputs change.
         double horizon = target;
         const double change = series ? series->nextChangeAfter(t) : -1.0;
@@ -274,6 +279,10 @@ int runCommand(const RunOptions& o) {
     if (o.every > 0 && (o.until - t) / o.every > kMaxSamples)
         throw UsageError{"--every " + doubleToString(o.every) + " would write more than 100 million rows up to --until " +
                          doubleToString(o.until)};
+    // Sample times are counted in multiples of --every from 0, which must stay exact.
+    if (o.every > 0 && o.until / o.every > 1e15)
+        throw UsageError{"--every " + doubleToString(o.every) + " is too fine for times up to --until " +
+                         doubleToString(o.until) + " (more than 1e15 multiples)"};
 
     // Output table.
     std::ofstream outFile;
@@ -295,8 +304,8 @@ int runCommand(const RunOptions& o) {
         for (const auto& c : columnNames(w)) header += "," + csvField(c);
     table.line(header);
 
-    // The run: with --every, a row at each sample time start + k * every; otherwise one
-    // row per call, at the time the system reached.
+    // The run: with --every, a row at the start and at each multiple of it after; otherwise
+    // one row per call, at the time the system reached.
     Progress progress(!o.quiet && ::isatty(STDERR_FILENO), t, o.until);
     const double reached = o.every > 0 ? runSampled(*system, o, series, outputs, t, table, progress)
                                        : runPerCall(*system, o, series, outputs, t, table, progress);
