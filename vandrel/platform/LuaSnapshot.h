@@ -9,7 +9,9 @@
 //  - the upvalues of the script's global functions (locals of the script's chunk that
 //    its functions use, such as a counter kept in a `local`) holding such values.
 //    Upvalues holding functions or library tables (`local floor = math.floor`) are code,
-//    not state, and are left as they are.
+//    not state, and are left as they are. The chunk runs once per descriptor, so these
+//    locals are shared by every block made from it (in every system built from the
+//    scheme): restoring one block's state sets them for all of them.
 // Refused, with a message naming the global: functions, userdata, coroutines and tables
 // with metatables stored in the environment, and tables nested deeper than 32 levels (a
 // cycle). Not kept: the identity of tables (two names for one table come back as two

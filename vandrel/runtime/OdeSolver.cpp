@@ -1,11 +1,10 @@
 #include "vandrel/runtime/OdeSolver.h"
 
-#include "vandrel/runtime/Snapshot.h"
-
 #include <cmath>
 
 #include "vandrel/platform/LuaLoader.h"
 #include "vandrel/runtime/SimulationException.h"
+#include "vandrel/runtime/Snapshot.h"
 
 // ---- Descriptor base: parameters are plain values under their names
 
