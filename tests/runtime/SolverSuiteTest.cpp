@@ -243,6 +243,25 @@ TEST(SimulateWithHorizon, EdgeCases) {
     }
 }
 
+TEST(SimulateWithHorizon, NestedContinuousPartsKeepToIt) {
+    // A lag x' = u - x inside a subsystem, on its own Euler solver with H = 0.1, from
+    // x = 3 with u = 1: asked for control back at 0.05, the nested lag takes one step of
+    // 0.05 (x = 2.9), not its own 0.1 (2.8).
+    wSimulationSystemScheme scheme;
+    scheme.loadForRuntime(std::string(VANDREL_TEST_DATA_DIR) + "/subsystem/lag_outer.lua");
+    auto sys = scheme.instantiate();
+    sys->setInput<double>("u", 1.0);
+    testutil::sendToInput<bool>(*sys, "reset", true);
+    double t = 0;
+    for (const double out : {0.05, 0.1, 0.15}) {
+        while (t < out) {
+            const double r = sys->simulate(t, out);
+            t = r < 0 || r >= out - t ? out : t + r;
+        }
+        EXPECT_NEAR(sys->getOutput<double>("x"), 1 + 2 * std::pow(0.95, out / 0.05), 1e-12) << out;
+    }
+}
+
 TEST_P(SolverSuite, FollowsAnInputThatADiscreteBlockChanges) {
     // A counter stepping every second feeds the integrator 1, 2, 3, ...; a sampler every
     // 0.5 s reads the state. x is piecewise linear: 1, 3, 6 at t = 1, 2, 3.

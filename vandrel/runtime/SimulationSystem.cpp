@@ -484,6 +484,13 @@ double wSimulationSystem::simulate(double T, double Tmax) {
     if (!(Tmax >= T))
         throw wSimulationException("simulate: the latest time to return at (" + doubleToString(Tmax) +
                                    " s) must not be before the time simulated to (" + doubleToString(T) + " s)");
+    // Nested systems stepped during the call read it (see getHorizon); whatever happens,
+    // it holds only for this call.
+    struct Scope {
+        double& horizon;
+        ~Scope() { horizon = std::numeric_limits<double>::infinity(); }
+    } scope{horizon_};
+    horizon_ = Tmax;
     return simulate_(T, Tmax);
 }
 

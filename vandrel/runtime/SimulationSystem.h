@@ -7,6 +7,7 @@
 // scheme inputs, calls simulate(T) with non-decreasing T, reads outputs, and calls again
 // no later than T + the returned delay (-1.0: nothing pending until inputs change).
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <string_view>
 
@@ -150,6 +151,9 @@ public:
     // otherwise the time of the last simulate (the end of its integration when the scheme
     // is continuous). 0 before the first call.
     double getCurrentTime() const { return now_; }
+    // The latest time the simulate call running now may integrate to: its Tmax, infinite
+    // without one (and outside a call). Nested systems keep to their parent's.
+    double getHorizon() const { return horizon_; }
 
     const wSimulationSystemScheme* getScheme() const { return scheme_; }
     int getBlockCount() const;
@@ -218,6 +222,7 @@ private:
     bool ownsData_ = false;                                 // free data_ on destruction
     bool rhsFresh_ = false;  // the next calcDiffRhs is the first of an advance (see there)
     double now_ = 0.0;       // see getCurrentTime
+    double horizon_ = std::numeric_limits<double>::infinity();  // see getHorizon
     double rhsFreshTime_ = 0;             // the time that advance started at
     long long rhsEvaluations_ = 0;        // calcDiffRhs calls
     wDiffInputWatch diffInputs_;          // what the derivatives read from outside the state
