@@ -7,6 +7,10 @@
 --
 --   level' = (q_in - 0.5 * level) / 2,   q_in = clamp(2.5 * (setpoint - level), 0, 1.2)
 --
+-- The setpoint moves in steps every 0.1 s and the level is smooth in between, so classic
+-- Runge-Kutta 4 with H = 0.1 suits it: one fourth-order step per setpoint step, landing
+-- on each one, where explicit Euler needed steps of 0.01 s for the same accuracy.
+--
 -- Run:  vandrel run examples/tank_level.lua --until 60 --every 1 --plot tank_level.png
 simulation_scheme = {
   blocks = {
@@ -43,7 +47,7 @@ simulation_scheme = {
     { __name = "start", __type = "wBlockDelayTriggerDescriptor",
       __parameters = { dt = { value = 3600 }, enabled = { value = false }, delay_time = { value = 0 } } },
   },
-  solver = { __type = "wSolverExplEulerDescriptor", H = 0.01 },
+  solver = { __type = "wSolverRK4Descriptor", H = 0.1 },
   io = {
     inputWires = {
       { name = "level", type = 2 }, { name = "setpoint", type = 2 }, { name = "pump", type = 2 },

@@ -4,10 +4,13 @@
 // library integrates continuous state ahead to that time, so calling earlier would
 // integrate twice). After a call returns, the outputs describe the system at the time it
 // has been advanced to (T + delay, or T when nothing is pending): that is the time of each
-// row. With --every, rows are sampled on a fixed grid from the latest state at or before
-// each sample time (zero-order hold). Inputs from --inputs take effect at the first call
-// at or after their row's time. When simulate returns -1.0 and no input changes are
-// left, the outputs cannot change any more and the host stops calling.
+// row. With --every, the host passes each sample time as the latest time it wants control
+// back, so the system integrates exactly up to it, and a row is written at every sample
+// time from the start. Inputs from --inputs take effect at
+// their row's time (with --every; otherwise at the first call at or after it). When
+// simulate returns -1.0 and no input changes are left, the outputs cannot change any
+// more and the host stops calling. --state-out and --state-in save and restore the
+// system's whole state (continuous state, wires, blocks, schedule and solver).
 #include <unistd.h>
 
 #include <chrono>
@@ -34,59 +37,47 @@ namespace host {
 namespace {
 
 constexpr double kTimeEps = 1e-9;  // s; times closer than this are the same instant
-constexpr char kStateMagic[8] = {'V', 'N', 'D', 'R', 'S', 'T', 'A', '1'};
+constexpr char kStateMagic[8] = {'V', 'N', 'D', 'R', 'S', 'T', 'A', '2'};
+constexpr char kOldStateMagic[8] = {'V', 'N', 'D', 'R', 'S', 'T', 'A', '1'};
 
-// Discrete state file: magic, time (s), queue time (s), blob size (uint32), blob.
-struct StateFile {
-    double time = 0;
-    double queueTime = 0;
-    zo::vector<unsigned char> blob;
-};
-
-void writeState(const std::string& file, const StateFile& s) {
+// State file: magic, the time the run ended at (s), then the system's whole-state
+// snapshot, which checks itself when restored.
+void writeState(const std::string& file, double time, const zo::vector<unsigned char>& snapshot) {
     std::ofstream out(file, std::ios::binary);
-    const auto size = static_cast<std::uint32_t>(s.blob.size());
     out.write(kStateMagic, sizeof kStateMagic);
-    out.write(reinterpret_cast<const char*>(&s.time), sizeof s.time);
-    out.write(reinterpret_cast<const char*>(&s.queueTime), sizeof s.queueTime);
-    out.write(reinterpret_cast<const char*>(&size), sizeof size);
-    out.write(reinterpret_cast<const char*>(s.blob.data()), static_cast<std::streamsize>(size));
+    out.write(reinterpret_cast<const char*>(&time), sizeof time);
+    out.write(reinterpret_cast<const char*>(snapshot.data()), static_cast<std::streamsize>(snapshot.size()));
     if (!out) throw std::runtime_error("Cannot write state file: " + file);
 }
 
-// Reads a state file for a scheme whose blob has `expected` bytes. Every field is checked
-// before it is used: the blob size against the file's real length and the scheme's size
-// (so a corrupt or hostile size never decides an allocation), both times for finiteness.
-StateFile readState(const std::string& file, std::size_t expected) {
+// Restores a state file into the system; returns the time to go on from. The snapshot
+// takes the rest of the file, whose real length bounds every allocation.
+double readState(const std::string& file, wSimulationSystem& system) {
     std::ifstream in(file, std::ios::binary | std::ios::ate);
     if (!in) throw std::runtime_error("Cannot open state file: " + file);
     const std::streamoff length = in.tellg();
     in.seekg(0);
     char magic[sizeof kStateMagic] = {};
-    StateFile s;
-    std::uint32_t size = 0;
+    double time = 0;
     in.read(magic, sizeof magic);
-    in.read(reinterpret_cast<char*>(&s.time), sizeof s.time);
-    in.read(reinterpret_cast<char*>(&s.queueTime), sizeof s.queueTime);
-    in.read(reinterpret_cast<char*>(&size), sizeof size);
+    if (in && std::memcmp(magic, kOldStateMagic, sizeof magic) == 0)
+        throw std::runtime_error("State file " + file + " was written by an older vandrel, which saved only the "
+                                 "discrete blocks' state; run the scheme again to write a new one");
+    in.read(reinterpret_cast<char*>(&time), sizeof time);
     if (!in || std::memcmp(magic, kStateMagic, sizeof magic) != 0)
         throw std::runtime_error("Not a vandrel state file: " + file);
-    const std::streamoff header = sizeof magic + sizeof s.time + sizeof s.queueTime + sizeof size;
-    if (static_cast<std::streamoff>(size) > length - header)
-        throw std::runtime_error("Truncated state file: " + file + " (its header announces " + std::to_string(size) +
-                                 " bytes of state, the file holds " + std::to_string(length - header) + ")");
-    if (size != expected)
-        throw std::runtime_error("State file " + file + " holds " + std::to_string(size) +
-                                 " bytes of state, the scheme's state takes " + std::to_string(expected) +
-                                 " (was it saved from another scheme?)");
-    if (!std::isfinite(s.time) || !std::isfinite(s.queueTime))
-        throw std::runtime_error("Corrupt state file: " + file + " (time " + doubleToString(s.time) +
-                                 " s, queue time " + doubleToString(s.queueTime) +
-                                 " s; both must be finite)");
-    s.blob.resize(size);
-    in.read(reinterpret_cast<char*>(s.blob.data()), static_cast<std::streamsize>(size));
+    if (!std::isfinite(time))
+        throw std::runtime_error("Corrupt state file: " + file + " (time " + doubleToString(time) +
+                                 " s; it must be finite)");
+    zo::vector<unsigned char> snapshot(static_cast<std::size_t>(length - in.tellg()));
+    in.read(reinterpret_cast<char*>(snapshot.data()), static_cast<std::streamsize>(snapshot.size()));
     if (!in) throw std::runtime_error("Truncated state file: " + file);
-    return s;
+    try {
+        system.restoreSnapshot(snapshot);
+    } catch (const std::exception& e) {
+        throw std::runtime_error("State file " + file + " cannot be restored: " + e.what());
+    }
+    return time;
 }
 
 // A temporary file removed however the run ends (an unlinked file may still be open).
@@ -143,6 +134,98 @@ private:
     bool drawn_ = false;
 };
 
+// The delay simulate returned, checked: -1 (settled), or finite and not negative.
+double checkedDelay(double r, double t) {
+    // Due never (a block period of math.huge): as settled as -1.
+    if (r == std::numeric_limits<double>::infinity()) r = -1.0;
+    // Anything else would be taken for progress (NaN) or for settling (other negatives).
+    if (r != -1.0 && !(r >= 0 && std::isfinite(r)))
+        throw std::runtime_error("The simulation returned an invalid delay (" + doubleToString(r) + " s) at t = " +
+                                 doubleToString(t) + " s");
+    return r;
+}
+
+std::string rowValues(const unsigned char* data, const std::vector<WireSlot>& outputs, int precision) {
+    std::string values;
+    for (const auto& w : outputs) appendValues(values, data, w, precision);
+    return values;
+}
+
+// One row per call, at the time the system reached; returns the time the run ended at.
+double runPerCall(wSimulationSystem& system, const RunOptions& o, std::optional<InputSeries>& series,
+                  const std::vector<WireSlot>& outputs, double t, TableWriter& table, Progress& progress) {
+    unsigned char* data = system.getDataPtr();
+    for (;;) {
+        const double r = checkedDelay(system.simulate(t), t);
+        const double reached = r >= 0 ? t + r : t;
+        if (reached <= o.until + kTimeEps) table.line(formatNumber(reached, o.precision) + rowValues(data, outputs, o.precision));
+        progress.update(reached);
+        if (reached >= o.until - kTimeEps) return reached;
+        if (r < 0) {
+            // Settled: only a change of the inputs can move it.
+            const double next = series ? series->nextChangeAfter(t) : -1.0;
+            if (next < 0 || next > o.until + kTimeEps) return reached;
+            t = next;
+        } else if (r <= 0) {
+            throw std::runtime_error("The simulation does not advance at t = " + doubleToString(t) +
+                                     " s (simulate returned 0; is the solver step H positive?)");
+        } else {
+            t = reached;
+        }
+        if (series) series->apply(t, data);
+    }
+}
+
+// A row at the start, then at each multiple k * every after it up to --until, the time
+// column computed as such rather than accumulated. The system is asked to hand control back at each
+// sample time (and at each change of the inputs), so it integrates exactly up to it.
+// A row shows the system as it reached its time, before the events due then, as the
+// rows of a run without --every do; the first shows it as it starts. Returns the time
+// of the last row.
+double runSampled(wSimulationSystem& system, const RunOptions& o, std::optional<InputSeries>& series,
+                  const std::vector<WireSlot>& outputs, double start, TableWriter& table, Progress& progress) {
+    unsigned char* data = system.getDataPtr();
+    // The grid is anchored at 0, not at the start: a run restored from a state file then
+    // asks for the same times, and so integrates the same steps, as one never interrupted.
+    auto sampleTime = [&](long long k) { return static_cast<double>(k) * o.every; };
+    // Sample times print as the multiples they are (3 x 0.1 as 0.3, not 0.30000000000000004).
+    const int timeDigits = o.precision > 0 ? o.precision : 15;
+    auto row = [&](double time) {
+        table.line(formatNumber(time, timeDigits) + rowValues(data, outputs, o.precision));
+        progress.update(time);
+    };
+    system.updateOutputs();
+    row(start);
+    double t = start;
+    auto k = static_cast<long long>(std::ceil(start / o.every - 1e-9));
+    if (sampleTime(k) <= start + kTimeEps) ++k;
+    int stalled = 0;  // calls in a row that did not move time
+    for (double target = sampleTime(k); target <= o.until + kTimeEps;) {
+        // Control back at the sample time, or earlier where the inputs change.
+        double horizon = target;
+        const double change = series ? series->nextChangeAfter(t) : -1.0;
+        if (change >= 0 && change < horizon) horizon = change;
+        const double r = checkedDelay(system.simulate(t, horizon), t);
+        // Settled: nothing moves until the horizon. Otherwise the time reached, or the
+        // horizon itself when it was reached.
+        const double reached = r < 0 ? horizon : t + r;
+        const double next = reached >= horizon - kTimeEps ? horizon : reached;
+        if (next > t) {
+            stalled = 0;
+        } else if (++stalled > 1000) {
+            throw std::runtime_error("The simulation does not advance at t = " + doubleToString(t) +
+                                     " s (simulate returned 0; is the solver step H positive?)");
+        }
+        t = next;
+        if (t == target) {
+            row(target);
+            target = sampleTime(++k);
+        }
+        if (series) series->apply(t, data);
+    }
+    return t;
+}
+
 }  // namespace
 
 int runCommand(const RunOptions& o) {
@@ -158,6 +241,16 @@ int runCommand(const RunOptions& o) {
     const auto inputs = schemeInputs(*scheme);
     const auto outputs = schemeOutputs(*scheme);
 
+    // Restored state: the run continues from the saved time. First, so that the inputs
+    // given for this run replace the saved ones.
+    double t = 0.0;
+    if (!o.stateIn.empty()) {
+        t = readState(o.stateIn, *system);
+        // The run cannot go back in time: an end before the saved time would print nothing.
+        if (o.until < t - kTimeEps)
+            throw UsageError{"--until " + doubleToString(o.until) + " is before the time " + o.stateIn +
+                             " was saved at (" + doubleToString(t) + " s); give a later end time"};
+    }
     // Constant inputs.
     for (const std::string& s : o.sets) {
         const auto eq = s.find('=');
@@ -179,22 +272,6 @@ int runCommand(const RunOptions& o) {
         }
     }
 
-    // Restored state: the run continues from the saved time.
-    double t = 0.0;
-    if (!o.stateIn.empty()) {
-        const int expected = system->getSchemeStateDataSize();
-        if (expected < 0)
-            throw std::runtime_error("Scheme " + o.scheme + " has a discrete block without saveable state: " +
-                                     "it cannot restore " + o.stateIn);
-        const StateFile s = readState(o.stateIn, static_cast<std::size_t>(expected));
-        system->setSchemeStateData(&s.blob);
-        system->setSchemeQueueTime(s.queueTime);
-        t = s.time;
-        // The run cannot go back in time: an end before the saved time would print nothing.
-        if (o.until < t - kTimeEps)
-            throw UsageError{"--until " + doubleToString(o.until) + " is before the time " + o.stateIn +
-                             " was saved at (" + doubleToString(t) + " s); give a later end time"};
-    }
     if (series) series->apply(t, data);
     // A fresh run starts its integrators at their initial values; a restored one goes on.
     if (o.initialValues && o.stateIn.empty()) system->applyInitialValues();
@@ -203,6 +280,10 @@ int runCommand(const RunOptions& o) {
     if (o.every > 0 && (o.until - t) / o.every > kMaxSamples)
         throw UsageError{"--every " + doubleToString(o.every) + " would write more than 100 million rows up to --until " +
                          doubleToString(o.until)};
+    // Sample times are counted in multiples of --every from 0, which must stay exact.
+    if (o.every > 0 && o.until / o.every > 1e15)
+        throw UsageError{"--every " + doubleToString(o.every) + " is too fine for times up to --until " +
+                         doubleToString(o.until) + " (more than 1e15 multiples)"};
 
     // Output table.
     std::ofstream outFile;
@@ -224,71 +305,17 @@ int runCommand(const RunOptions& o) {
         for (const auto& c : columnNames(w)) header += "," + csvField(c);
     table.line(header);
 
-    // The run: snapshots at the times the system reaches, rows per snapshot or per sample.
-    std::string last;            // values of the latest snapshot (",v1,v2...")
-    double lastTime = -1;        // its time (s); < 0: none yet
-    long long sample = 0;        // index of the next sample time
-    const double start = t;
-    auto sampleTime = [&](long long k) { return start + static_cast<double>(k) * o.every; };
-    auto emitSamplesBefore = [&](double limit) {
-        for (; sampleTime(sample) < limit - kTimeEps && sampleTime(sample) <= o.until + kTimeEps; ++sample)
-            if (lastTime >= 0) table.line(formatNumber(sampleTime(sample), o.precision) + last);
-    };
-
-    Progress progress(!o.quiet && ::isatty(STDERR_FILENO), start, o.until);
-    bool settled = false;  // nothing pending and no input changes left
-    double reached = t;
-    for (;;) {
-        double r = system->simulate(t);
-        // Due never (a block period of math.huge): as settled as -1.
-        if (r == std::numeric_limits<double>::infinity()) r = -1.0;
-        // A delay is -1 (settled), or finite and not negative: anything else would be
-        // taken for progress (NaN) or for settling (other negatives).
-        if (r != -1.0 && !(r >= 0 && std::isfinite(r)))
-            throw std::runtime_error("The simulation returned an invalid delay (" + doubleToString(r) +
-                                     " s) at t = " + doubleToString(t) + " s");
-        reached = r >= 0 ? t + r : t;
-        std::string values;
-        for (const auto& w : outputs) appendValues(values, data, w, o.precision);
-        if (o.every > 0) {
-            emitSamplesBefore(reached);
-        } else if (reached <= o.until + kTimeEps) {
-            table.line(formatNumber(reached, o.precision) + values);
-        }
-        last = std::move(values);
-        lastTime = reached;
-        progress.update(reached);
-        if (reached >= o.until - kTimeEps) break;
-        if (r < 0) {
-            const double next = series ? series->nextChangeAfter(t) : -1.0;
-            if (next < 0 || next > o.until + kTimeEps) {
-                settled = true;
-                break;
-            }
-            t = next;
-        } else if (r <= 0) {
-            throw std::runtime_error("The simulation does not advance at t = " + doubleToString(t) +
-                                     " s (simulate returned 0; is the solver step H positive?)");
-        } else {
-            t = reached;
-        }
-        if (series) series->apply(t, data);
-    }
-    // Samples after the last snapshot: its values hold when the system has settled, or up
-    // to the time it reached.
-    if (o.every > 0) {
-        if (lastTime >= 0 && sampleTime(sample) <= lastTime + kTimeEps) emitSamplesBefore(lastTime + 2 * kTimeEps);
-        if (settled) emitSamplesBefore(std::numeric_limits<double>::infinity());
-    }
+    // The run: with --every, a row at the start and at each multiple of it after; otherwise
+    // one row per call, at the time the system reached.
+    Progress progress(!o.quiet && ::isatty(STDERR_FILENO), t, o.until);
+    const double reached = o.every > 0 ? runSampled(*system, o, series, outputs, t, table, progress)
+                                       : runPerCall(*system, o, series, outputs, t, table, progress);
     out.flush();
 
     if (!o.stateOut.empty()) {
-        StateFile s;
-        s.time = reached;
-        s.queueTime = system->getSchemeQueueTime();
-        if (!system->getSchemeStateData(&s.blob))
-            throw std::runtime_error("Scheme " + o.scheme + " has a discrete block without saveable state");
-        writeState(o.stateOut, s);
+        zo::vector<unsigned char> snapshot;
+        system->saveSnapshot(&snapshot);
+        writeState(o.stateOut, reached, snapshot);
     }
     writeScopeRecordings(*system, o.scopeDir, o.precision);
     if (!o.plot.empty()) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/CliProcess.h"
+#include "support/SchemeFiles.h"
 
 namespace {
 
@@ -70,16 +71,93 @@ TEST_F(Cli, RunWritesOneRowPerStepMatchingEulerByHand) {
 
 TEST_F(Cli, RunSamplesOnAGridAndFeedsInputsFromCsv) {
     const auto scheme = write("lag.lua", kLag);
-    // u = 0 until t = 0.5, then 1: y stays 0, then follows 1 - 0.9^k.
+    // u = 0 until t = 0.5, then 1: y stays 0, then approaches 1 by Euler steps of at most 0.1.
     const auto inputs = write("u.csv", "time,u,v.y\n0,0,0\n0.5,1,2\n");
     const Result r = run("run " + scheme.string() + " --until 1 --every 0.25 --inputs " + inputs.string() + " -q");
     ASSERT_EQ(r.status, 0) << r.err;
     const auto rows = csv(r.out);
-    ASSERT_EQ(rows.size(), 5u);  // header, 0.25, 0.5, 0.75, 1 (no state reached before 0.1)
-    EXPECT_EQ(rows[1][0], "0.25");
-    EXPECT_EQ(std::stod(rows[2][1]), 0.0);                     // y(0.5): input not yet 1
-    EXPECT_NEAR(std::stod(rows[3][1]), 1 - std::pow(0.9, 2), 1e-12);  // y(0.7), held at 0.75
-    EXPECT_NEAR(std::stod(rows[4][1]), 1 - std::pow(0.9, 5), 1e-12);  // y(1.0)
+    ASSERT_EQ(rows.size(), 6u);  // header, 0, 0.25, 0.5, 0.75, 1
+    EXPECT_EQ(rows[1], (std::vector<std::string>{"0", "0"}));
+    EXPECT_EQ(rows[2][0], "0.25");
+    EXPECT_EQ(std::stod(rows[3][1]), 0.0);  // y(0.5): input not yet 1
+    // The input changes at 0.5: Euler steps of 0.1 from there, the last one cut to land on
+    // 0.75, y = 1 - 0.9^2 (1 - 0.05).
+    EXPECT_NEAR(std::stod(rows[4][1]), 1 - std::pow(0.9, 2) * 0.95, 1e-12);
+    // Then 0.1, 0.1 and a last step of 0.05 to 1.0.
+    EXPECT_NEAR(std::stod(rows[5][1]), 1 - std::pow(0.9, 4) * 0.95 * 0.95, 1e-12);
+}
+
+TEST_F(Cli, EveryPrintsExactMultiplesFromTheStartWhateverTheEventsDo) {
+    // The only discrete block is a one-shot reset an hour away, and the adaptive solver may
+    // step 1000 s at once: rows still come at 0, 0.1, ..., 1, with x' = 1 exact at each.
+    testutil::SchemeText s;
+    const int c = s.block("c", "wBlockConstantsDescriptor", "one = { value = 1 }, zero = { value = 0 }",
+                          "values = { { name = \"one\", type = 1 }, { name = \"zero\", type = 1 } }");
+    const int x = s.block("x", "wBlockIntegratorDescriptor<double>");
+    const int once = s.block("once", "wBlockDelayTriggerDescriptor",
+                             "dt = { value = 3600 }, enabled = { value = true }, delay_time = { value = 3600 }");
+    s.wire(c, "one", x, "input");
+    s.wire(c, "zero", x, "output.initial");
+    s.port(once, "timed_out", testutil::kCmds, "reset_diff_state");
+    s.outputWire(x, "output", "x", LEAD_DOUBLE);
+    s.solver("__type = \"wSolverDopri5Descriptor\", H = 1000, rtol = 1e-9, atol = 1e-12");
+    const auto scheme = write("once.lua", s.text());
+    const Result r = run("run " + scheme.string() + " --until 1 --every 0.1 -q");
+    ASSERT_EQ(r.status, 0) << r.err;
+    const auto rows = csv(r.out);
+    ASSERT_EQ(rows.size(), 12u);
+    const char* times[] = {"0", "0.1", "0.2", "0.3", "0.4", "0.5", "0.6", "0.7", "0.8", "0.9", "1"};
+    for (int k = 0; k <= 10; ++k) {
+        const auto& row = rows[static_cast<std::size_t>(k + 1)];
+        EXPECT_EQ(row[0], times[k]);
+        EXPECT_NEAR(std::stod(row[1]), 0.1 * k, 1e-12) << row[0];
+    }
+}
+
+TEST_F(Cli, AStateFileContinuesARunExactlyAsIfUninterrupted) {
+    // Run to the end at once, and in two halves through --state-out / --state-in: the
+    // second half's table (less its first row, the first half's last) is the same text.
+    struct Case {
+        const char* example;
+        const char* until;
+        const char* half;
+        const char* every;
+    };
+    const Case cases[] = {
+        {"projectile.lua", "1.2", "0.5", "0.05"},   // adaptive steps carried across
+        {"slew_limiters.lua", "3", "1.5", "0.25"},  // nested systems
+        {"pump_control.lua", "7200", "3000", "60"}, // Lua blocks and timers
+        {"stiff_thermal.lua", "3600", "1200", "60"},  // CVODE, restarted at the saved time
+        {"tank_level.lua", "40", "17", "1"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.example);
+        const std::string scheme = example(c.example);
+        const std::string every = std::string(" --every ") + c.every + " -q";
+        const auto state = dir_ / "half.state";
+        const Result whole = run("run " + scheme + " --until " + c.until + every);
+        ASSERT_EQ(whole.status, 0) << whole.err;
+        const Result first = run("run " + scheme + " --until " + c.half + every + " --state-out " + state.string());
+        ASSERT_EQ(first.status, 0) << first.err;
+        const Result second = run("run " + scheme + " --until " + c.until + every + " --state-in " + state.string());
+        ASSERT_EQ(second.status, 0) << second.err;
+        const std::size_t header = second.out.find('\n') + 1;
+        const std::size_t firstRow = second.out.find('\n', header) + 1;
+        // The restored table starts with the row the first one ended with.
+        EXPECT_EQ(first.out.substr(first.out.rfind('\n', first.out.size() - 2) + 1),
+                  second.out.substr(header, firstRow - header));
+        const std::string joined = first.out + second.out.substr(firstRow);
+        if (std::string(c.example) == "stiff_thermal.lua") {
+            // CVODE's history starts afresh at the restore: the same within its tolerance.
+            const auto a = csv(whole.out), b = csv(joined);
+            ASSERT_EQ(a.size(), b.size());
+            for (std::size_t i = 1; i < a.size(); ++i)
+                for (std::size_t j = 0; j < a[i].size(); ++j)
+                    EXPECT_NEAR(std::stod(a[i][j]), std::stod(b[i][j]), 1e-3 * (1 + std::fabs(std::stod(a[i][j]))));
+        } else {
+            EXPECT_EQ(joined, whole.out);
+        }
+    }
 }
 
 TEST_F(Cli, TankExampleSettlesAtTheProportionalEquilibrium) {
@@ -89,13 +167,14 @@ TEST_F(Cli, TankExampleSettlesAtTheProportionalEquilibrium) {
                          " --plot " + png.string());
     ASSERT_EQ(r.status, 0) << r.err;
     const auto rows = csv(slurp(out));
-    ASSERT_EQ(rows.size(), 61u);
+    ASSERT_EQ(rows.size(), 62u);  // t = 0, 1, ..., 60
     EXPECT_EQ(rows[0], (std::vector<std::string>{"time", "level", "setpoint", "pump"}));
+    for (std::size_t i = 1; i < rows.size(); ++i) EXPECT_EQ(rows[i][0], std::to_string(i - 1)) << i;
     // Setpoint: 0.05 m/s ramp, then 1.5. Level: 2.5 (1.5 - h) = 0.5 h gives h = 1.25.
-    EXPECT_NEAR(std::stod(rows[10][2]), 0.5, 1e-9);
-    EXPECT_EQ(std::stod(rows[60][2]), 1.5);
-    EXPECT_NEAR(std::stod(rows[60][1]), 1.25, 1e-6);
-    EXPECT_NEAR(std::stod(rows[60][3]), 0.625, 1e-6);
+    EXPECT_NEAR(std::stod(rows[11][2]), 0.5, 1e-9);
+    EXPECT_EQ(std::stod(rows[61][2]), 1.5);
+    EXPECT_NEAR(std::stod(rows[61][1]), 1.25, 1e-6);
+    EXPECT_NEAR(std::stod(rows[61][3]), 0.625, 1e-6);
     EXPECT_EQ(slurp(png).substr(1, 3), "PNG");
 }
 
@@ -117,9 +196,12 @@ TEST_F(Cli, OverridesAndStateFilesContinueARun) {
     r = run("run " + scheme + overrides + " --until 2 --every 0.5 -q --state-in " + state.string());
     ASSERT_EQ(r.status, 0) << r.err;
     const auto rows = csv(r.out);
-    ASSERT_GE(rows.size(), 3u);
-    EXPECT_NEAR(std::stod(rows[1][0]), 1.5, 1e-9);
-    EXPECT_NEAR(std::stod(rows[1][2]), 75, 1e-9);
+    ASSERT_GE(rows.size(), 4u);
+    // The table starts where the first one ended, and goes on from there.
+    EXPECT_EQ(rows[1][0], "1");
+    EXPECT_NEAR(std::stod(rows[1][2]), 50, 1e-9);
+    EXPECT_EQ(rows[2][0], "1.5");
+    EXPECT_NEAR(std::stod(rows[2][2]), 75, 1e-9);
     // Ending before the saved time is a mistake, not an empty table.
     r = run("run " + scheme + overrides + " --until 0.5 -q --state-in " + state.string());
     EXPECT_EQ(r.status, 2);
@@ -161,7 +243,7 @@ TEST_F(Cli, SafeScriptsKeepScriptBlocksAwayFromFilesAndTheProcess) {
     Result r = run("run " + example("pump_control.lua") + " --until 7200 --every 60 -q --safe-scripts");
     ASSERT_EQ(r.status, 0) << r.err;
     const auto rows = csv(r.out);
-    ASSERT_EQ(rows.size(), 121u);
+    ASSERT_EQ(rows.size(), 122u);  // t = 0, 60, ..., 7200
     EXPECT_EQ(rows[0], (std::vector<std::string>{"time", "level", "q_in", "q_out", "pumps", "state"}));
     int assisted = 0;
     double peak = 0.0;

@@ -102,13 +102,19 @@ std::string outputNamed(const std::string& name) {
     return s;
 }
 
-// A state file as the host writes it: magic, time, queue time, blob size, blob.
-std::string stateFile(double time, double queueTime, std::uint32_t size, const std::string& blob) {
-    std::string s = "VNDRSTA1";
+// A state file as the host writes it: magic, the time the run ended at, the snapshot.
+std::string stateFile(double time, const std::string& snapshot) {
+    std::string s = "VNDRSTA2";
     s.append(reinterpret_cast<const char*>(&time), sizeof time);
-    s.append(reinterpret_cast<const char*>(&queueTime), sizeof queueTime);
-    s.append(reinterpret_cast<const char*>(&size), sizeof size);
-    return s + blob;
+    return s + snapshot;
+}
+
+// The start of a snapshot: magic, format version, scheme fingerprint.
+std::string snapshotHeader(std::uint32_t version, std::uint64_t fingerprint) {
+    std::string s = "VNDRSNAP";
+    s.append(reinterpret_cast<const char*>(&version), sizeof version);
+    s.append(reinterpret_cast<const char*>(&fingerprint), sizeof fingerprint);
+    return s;
 }
 
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
@@ -174,23 +180,25 @@ TEST_F(HostileInput, EveryCaseEndsWithItsStatusAndMessage) {
         {"--until nan", files({{"s.lua", lag("0.1")}}), "run s.lua --until nan", 2, "--until must be a finite number"},
         {"--until inf", files({{"s.lua", lag("0.1")}}), "run s.lua --until inf", 2, "--until"},
         {"--every nan", files({{"s.lua", lag("0.1")}}), "run s.lua --every nan", 2, "--every must be a finite number"},
-        {"state time NaN", files({{"s.lua", kRamp}, {"st.bin", stateFile(kNaN, 0.4, 10, blob10)}}),
+        {"state time NaN", files({{"s.lua", kRamp}, {"st.bin", stateFile(kNaN, snapshotHeader(1, 0))}}),
          "run s.lua --state-in st.bin", 1, "Corrupt state file: st.bin (time nan s"},
-        {"state time infinite", files({{"s.lua", kRamp}, {"st.bin", stateFile(kInf, 0.4, 10, blob10)}}),
+        {"state time infinite", files({{"s.lua", kRamp}, {"st.bin", stateFile(kInf, snapshotHeader(1, 0))}}),
          "run s.lua --state-in st.bin", 1, "Corrupt state file"},
-        {"state queue time NaN", files({{"s.lua", kRamp}, {"st.bin", stateFile(0.4, kNaN, 10, blob10)}}),
-         "run s.lua --state-in st.bin --until 100", 1, "queue time nan s"},
         {"inputs time nan", files({{"s.lua", lag("0.1")}, {"in.csv", "time,u\n0,1\nnan,2\n"}}),
          "run s.lua --inputs in.csv", 2, "in.csv:3: the time must be a finite number"},
         {"inputs bool 2", files({{"s.lua", lag("0.1")}, {"in.csv", "time,on\n0,2\n"}}), "run s.lua --inputs in.csv", 2,
          "column \"on\": a boolean is 0 or 1"},
-        // State files that lie about their size.
-        {"state claims 4 GiB", files({{"s.lua", kRamp}, {"st.bin", stateFile(0, 0, 0xFFFFFFFFu, "")}}),
-         "run s.lua --state-in st.bin", 1, "Truncated state file: st.bin (its header announces 4294967295 bytes"},
-        {"state of another scheme", files({{"s.lua", kRamp}, {"st.bin", stateFile(0, 0, 3, "abc")}}),
-         "run s.lua --state-in st.bin", 1, "holds 3 bytes of state, the scheme's state takes 10"},
-        {"state blob of 0xFF", files({{"s.lua", kRamp}, {"st.bin", stateFile(0, 0, 10, std::string(10, '\xff'))}}),
-         "run s.lua --state-in st.bin --until 0.2", 0, "time,y"},
+        // State files that are not what they claim.
+        {"state of an older vandrel", files({{"s.lua", kRamp}, {"st.bin", "VNDRSTA1" + blob10}}),
+         "run s.lua --state-in st.bin", 1, "was written by an older vandrel"},
+        {"state without a snapshot", files({{"s.lua", kRamp}, {"st.bin", stateFile(0, "")}}),
+         "run s.lua --state-in st.bin", 1, "State file st.bin cannot be restored: Snapshot: not a vandrel snapshot"},
+        {"state of another version", files({{"s.lua", kRamp}, {"st.bin", stateFile(0, snapshotHeader(7, 0))}}),
+         "run s.lua --state-in st.bin", 1, "format version 7 is not the one this library reads (1)"},
+        {"state of another scheme", files({{"s.lua", kRamp}, {"st.bin", stateFile(0, snapshotHeader(1, 42))}}),
+         "run s.lua --state-in st.bin", 1, "it was saved from another scheme"},
+        {"state truncated in its header", files({{"s.lua", kRamp}, {"st.bin", stateFile(0, "VNDRSNAP\x01")}}),
+         "run s.lua --state-in st.bin", 1, "truncated while reading version"},
         // Oscilloscope files stay inside --scope-dir whatever the block is called.
         {"scope named ../../x", files({{"s.lua", scope("\"../../x\"")}}), "run s.lua --until 0.5 --scope-dir out/a", 0,
          "time",

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
+#include <memory>
 #include <string>
 
 #include "runtime/RuntimeTestUtil.h"
@@ -115,6 +117,148 @@ TEST_P(SolverSuite, ArrivesExactlyAtEventTimes) {
         EXPECT_NEAR(r, 0.3, 1e-12);
         EXPECT_NEAR(sys->getDiffState()[0], 3.0 * (T + r), 1e-12) << "after event " << k;
         T += r;
+    }
+}
+
+// x' = 3 from x = 0 with a sampler every 0.3 s: see ArrivesExactlyAtEventTimes.
+std::unique_ptr<wSimulationSystem> rampAndSampler(rt::Builder& b, const Kind& kind, double H) {
+    auto* i = b.add<testblocks::IntegratorDescriptor>("i");
+    auto* s = b.add<testblocks::SamplerDescriptor>("s");
+    s->dt.set(0.3);
+    b.scheme.setOdeSolverDescriptor(solvers::make(kind, H));
+    b.inputWire("c");
+    b.outputWire(s, "out", "sample");
+    b.wire(b.io(), "c", i, "in");
+    b.wire(b.io(), "c", i, "x.initial");
+    b.wire(i, "x", s, "in");
+    auto sys = b.run();
+    sys->setInput<double>("c", 3.0);
+    return sys;
+}
+
+TEST_P(SolverSuite, HandsControlBackAtTheHostsOutputTimes) {
+    // Output times every 0.125 s between events every 0.3 s: each call integrates to the
+    // next event or output time, whichever comes first, never beyond, and lands on an
+    // output time exactly.
+    rt::Builder b;
+    auto sys = rampAndSampler(b, GetParam(), 0.25);
+    double T = 0;
+    int calls = 0;
+    for (int k = 1; k <= 24; ++k) {
+        const double target = 0.125 * k;
+        while (sys->getCurrentTime() != target) {
+            ASSERT_LT(++calls, 1000) << "no progress towards " << target;
+            const long long steps = sys->getSolver()->getStepCount();
+            const double r = sys->simulate(T, target);
+            EXPECT_LE(T + r, target + 1e-15);
+            EXPECT_LE(sys->getCurrentTime(), target);
+            // No further than asked: the state is the exact ramp at the time reached.
+            EXPECT_NEAR(sys->getDiffState()[0], 3.0 * sys->getCurrentTime(), 1e-12);
+            // An event just taken was sampled at its own time.
+            if (std::fmod(T + 1e-12, 0.3) < 1e-9) {
+                EXPECT_NEAR(sys->getOutput<double>("sample"), 3.0 * T, 1e-12) << "event at " << T;
+            }
+            // Between events and output times the solver makes one step of its own.
+            if (GetParam().order > 0) {
+                EXPECT_EQ(sys->getSolver()->getStepCount() - steps, 1);
+            }
+            T = sys->getCurrentTime();
+        }
+    }
+    EXPECT_EQ(T, 3.0);
+    // Not a step more than events, output times and steps of H need.
+    if (GetParam().order > 0) {
+        EXPECT_LE(calls, 10 + 24 + 12);
+    }
+}
+
+TEST_P(SolverSuite, ShortensItsOwnStepToLandOnTheHorizon) {
+    // x' = 3 and nothing scheduled: each call makes one step of the solver's own, the
+    // last one cut to end at the horizon exactly. Fixed steps of H = 10 are all cut.
+    rt::Builder b;
+    auto* i = b.add<testblocks::IntegratorDescriptor>("i");
+    b.scheme.setOdeSolverDescriptor(solvers::make(GetParam(), 10.0));
+    b.inputWire("c");
+    b.wire(b.io(), "c", i, "in");
+    b.wire(b.io(), "c", i, "x.initial");
+    auto sys = b.run();
+    sys->setInput<double>("c", 3.0);
+    double T = 0;
+    for (int calls = 1; T != 0.1; ++calls) {
+        ASSERT_LT(calls, 100);
+        const long long steps = sys->getSolver()->getStepCount();
+        const double r = sys->simulate(T, 0.1);
+        EXPECT_EQ(sys->getSolver()->getStepCount() - steps, 1);
+        EXPECT_LE(r, 0.1 - T);
+        if (GetParam().order > 0) {
+            EXPECT_EQ(r, 0.1);
+        }
+        T = sys->getCurrentTime();
+        EXPECT_NEAR(sys->getDiffState()[0], 3 * T, 1e-12);
+    }
+    EXPECT_EQ(T, 0.1);
+}
+
+TEST(SimulateWithHorizon, EdgeCases) {
+    rt::Builder b;
+    auto sys = rampAndSampler(b, solvers::kinds()[0], 0.1);
+    rt::Builder d;
+    auto* sampler = d.add<testblocks::SamplerDescriptor>("s");
+    sampler->dt.set(0.3);
+    d.inputWire("c");
+    d.wire(d.io(), "c", sampler, "in");
+    auto discrete = d.run();
+
+    struct Case {
+        const char* name;
+        wSimulationSystem* system;
+        double T, Tmax;
+        double delay;        // expected result
+        double state;        // expected continuous state after the call (NaN: none)
+        const char* error;   // or the message
+    };
+    const double nan = std::nan("");
+    const double inf = std::numeric_limits<double>::infinity();
+    const Case cases[] = {
+        {"horizon before T", sys.get(), 0.0, -0.1, 0, 0, "latest time to return at (-0.1 s) must not be before"},
+        {"horizon NaN", sys.get(), 0.0, nan, 0, 0, "latest time to return at (nan s)"},
+        {"horizon at T integrates nothing", sys.get(), 0.0, 0.0, 0.0, 0.0, nullptr},
+        {"no horizon: to the next event", sys.get(), 0.0, inf, 0.3, 0.9, nullptr},
+        {"horizon inside a step", sys.get(), 0.3, 0.35, 0.05, 1.05, nullptr},
+        {"event before the horizon", sys.get(), 0.35, 0.9, 0.25, 1.8, nullptr},
+        {"horizon before the event: steps up to it", sys.get(), 0.6, 0.8, 0.2, 2.4, nullptr},
+        {"no continuous part: back at the horizon", discrete.get(), 0.0, 0.05, 0.05, nan, nullptr},
+        {"no continuous part: then the event", discrete.get(), 0.05, 1.0, 0.25, nan, nullptr},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (c.error != nullptr) {
+            EXPECT_THAT(testutil::messageOf([&] { c.system->simulate(c.T, c.Tmax); }), HasSubstr(c.error));
+            continue;
+        }
+        EXPECT_NEAR(c.system->simulate(c.T, c.Tmax), c.delay, 1e-12);
+        if (!std::isnan(c.state)) {
+            EXPECT_NEAR(c.system->getDiffState()[0], c.state, 1e-12);
+        }
+    }
+}
+
+TEST(SimulateWithHorizon, NestedContinuousPartsKeepToIt) {
+    // A lag x' = u - x inside a subsystem, on its own Euler solver with H = 0.1, from
+    // x = 3 with u = 1: asked for control back at 0.05, the nested lag takes one step of
+    // 0.05 (x = 2.9), not its own 0.1 (2.8).
+    wSimulationSystemScheme scheme;
+    scheme.loadForRuntime(std::string(VANDREL_TEST_DATA_DIR) + "/subsystem/lag_outer.lua");
+    auto sys = scheme.instantiate();
+    sys->setInput<double>("u", 1.0);
+    testutil::sendToInput<bool>(*sys, "reset", true);
+    double t = 0;
+    for (const double out : {0.05, 0.1, 0.15}) {
+        while (t < out) {
+            const double r = sys->simulate(t, out);
+            t = r < 0 || r >= out - t ? out : t + r;
+        }
+        EXPECT_NEAR(sys->getOutput<double>("x"), 1 + 2 * std::pow(0.95, out / 0.05), 1e-12) << out;
     }
 }
 

@@ -6,9 +6,11 @@
 #include <utility>
 
 #include "vandrel/platform/LuaLoader.h"
+#include "vandrel/platform/LuaSnapshot.h"
 #include "vandrel/runtime/SimulationException.h"
 #include "vandrel/runtime/SimulationLogger.h"
 #include "vandrel/runtime/SimulationSystem.h"
+#include "vandrel/runtime/Snapshot.h"
 #include "vandrel/scheme/BlockSerializer.h"
 
 namespace {
@@ -396,4 +398,23 @@ const char* wBlockLua::sendFromScript(int port, const void* value) noexcept {
         }
         return pendingMessage_.c_str();
     }
+}
+
+// ---- Snapshots
+
+void wBlockLua::saveSnapshot(wSnapshotWriter& out) const {
+    zo::vector<unsigned char> bytes;
+    zo::string error;
+    if (!Lua::saveScriptInstanceState(state_.get(), static_cast<const void*>(this), &bytes, &error))
+        throw wSimulationException("Lua block " + d_->getName() + ": its script's state cannot be saved: " + error);
+    out.put(static_cast<std::uint32_t>(bytes.size()));
+    out.putBytes(bytes.data(), bytes.size());
+}
+
+void wBlockLua::restoreSnapshot(wSnapshotReader& in) {
+    const std::size_t size = in.getCount(1, "Lua script state");
+    const unsigned char* bytes = in.getBytes(size, "Lua script state");
+    zo::string error;
+    if (!Lua::restoreScriptInstanceState(state_.get(), static_cast<const void*>(this), bytes, size, &error))
+        in.fail("Lua block " + d_->getName() + ": " + error);
 }

@@ -136,6 +136,11 @@ public:
     wOutputPortBase* getOutputPort(std::string_view name) override;
     // Calls run(t); its result is the delay to the next update.
     double step(double t) override;
+    // The script's state for this block, as far as a snapshot can hold it (see
+    // platform/LuaSnapshot.h): its own globals and the locals its functions keep.
+    // Saving throws for a global that holds a function, userdata or the like.
+    void saveSnapshot(wSnapshotWriter& out) const override;
+    void restoreSnapshot(wSnapshotReader& in) override;
 
     // Calls the script's global `function` as this block's own call, with no result
     // kept. A Lua error throws "Error: <Lua message>" followed by where it happened; an

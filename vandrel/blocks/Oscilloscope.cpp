@@ -1,12 +1,14 @@
 #include "vandrel/blocks/Oscilloscope.h"
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 
 #include "vandrel/core/Wire.h"
 #include "vandrel/platform/LuaLoader.h"
 #include "vandrel/runtime/SimulationException.h"
 #include "vandrel/runtime/SimulationSystem.h"
+#include "vandrel/runtime/Snapshot.h"
 #include "vandrel/scheme/BlockSerializer.h"
 
 namespace {
@@ -193,4 +195,26 @@ double wBlockOscilloscope::step(double t) {
         }
     }
     return d_->dt.get();
+}
+
+void wBlockOscilloscope::saveSnapshot(wSnapshotWriter& out) const {
+    out.put(static_cast<std::int32_t>(count_));
+    for (int i = 0; i < count_; ++i) out.putBytes(sample(i), static_cast<std::size_t>(width_) * sizeof(double));
+    out.put(dropped_);
+}
+
+void wBlockOscilloscope::restoreSnapshot(wSnapshotReader& in) {
+    const auto count = in.get<std::int32_t>("oscilloscope sample count");
+    if (count < 0 || count > capacity_)
+        in.fail("oscilloscope " + d_->getName() + ": " + std::to_string(count) + " samples for a buffer of " +
+                std::to_string(capacity_));
+    const std::size_t bytes = static_cast<std::size_t>(count) * static_cast<std::size_t>(width_) * sizeof(double);
+    const unsigned char* rows = in.getBytes(bytes, "oscilloscope samples");
+    const auto dropped = in.get<std::int64_t>("oscilloscope dropped count");
+    if (dropped < 0) in.fail("oscilloscope " + d_->getName() + ": negative dropped count");
+    // Oldest first from the start of the ring: the next sample goes where it would have.
+    if (bytes > 0) std::memcpy(rows_.data(), rows, bytes);
+    first_ = 0;
+    count_ = count;
+    dropped_ = dropped;
 }

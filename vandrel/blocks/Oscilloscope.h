@@ -75,6 +75,9 @@ public:
     // Clears the recording.
     void reset() override { clear(); }
     int getBlockStateDataSize() const override { return 0; }
+    // The samples held, oldest first, and the dropped count.
+    void saveSnapshot(wSnapshotWriter& out) const override;
+    void restoreSnapshot(wSnapshotReader& in) override;
 
     // Column names: "time", then per input its name, or name + ".x", ".y", ".z" (and ".w"
     // for a quaternion).

@@ -4,6 +4,7 @@
 
 #include "vandrel/core/Wire.h"
 #include "vandrel/runtime/SimulationSystem.h"
+#include "vandrel/runtime/Snapshot.h"
 
 // ---- Delay trigger
 
@@ -343,4 +344,27 @@ double wBlockFlagOnSignalTimer::step(double t) {
     }
     writeWire<bool>(data, d_->getOutputWireOffset(0), raised_);
     return dt;
+}
+
+// ---- Snapshots of the timers that register no state
+
+void wBlockDelayTrigger::saveSnapshot(wSnapshotWriter& out) const {
+    out.put(remaining_);
+    out.putFlag(firstUpdate_);
+}
+
+void wBlockDelayTrigger::restoreSnapshot(wSnapshotReader& in) {
+    const double remaining = in.getFinite("delay trigger time left");
+    firstUpdate_ = in.getFlag("delay trigger first step");
+    remaining_ = remaining;
+}
+
+void wBlockDelayTriggerMultiple::saveSnapshot(wSnapshotWriter& out) const { out.put(static_cast<std::int32_t>(next_)); }
+
+void wBlockDelayTriggerMultiple::restoreSnapshot(wSnapshotReader& in) {
+    const auto next = in.get<std::int32_t>("delay trigger multiple index");
+    if (next < 0 || next > count_)
+        in.fail("delay trigger multiple " + d_->getName() + ": index " + std::to_string(next) + " of " +
+                std::to_string(count_) + " times");
+    next_ = next;
 }

@@ -48,6 +48,10 @@ public:
     wInputPortBase* getInputPort(std::string_view name) override;
     wOutputPortBase* getOutputPort(std::string_view name) override;
     double step(double t) override;
+    // Time left and first-step flag; the blob registers none, so that a scheme with a
+    // delay trigger keeps the discrete blob it always had.
+    void saveSnapshot(wSnapshotWriter& out) const override;
+    void restoreSnapshot(wSnapshotReader& in) override;
 
 private:
     // Runs at the first step and on every value arriving at "reset", true or false.
@@ -82,6 +86,9 @@ public:
     wBlockDelayTriggerMultiple(const wBlockDelayTriggerMultipleDescriptor* descriptor, wSimulationSystem* system);
     wOutputPortBase* getOutputPort(std::string_view name) override;
     double step(double t) override;
+    // The index of the next time to fire.
+    void saveSnapshot(wSnapshotWriter& out) const override;
+    void restoreSnapshot(wSnapshotReader& in) override;
 
 private:
     const wBlockDelayTriggerMultipleDescriptor* d_;  // not owned

@@ -2,7 +2,10 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <type_traits>
+
+#include "vandrel/runtime/Snapshot.h"
 
 wInputPortBase* wSimulationBlock::getInputPort(std::string_view) { return nullptr; }
 wOutputPortBase* wSimulationBlock::getOutputPort(std::string_view) { return nullptr; }
@@ -200,4 +203,34 @@ int wSimulationBlockDisc::measureStateData(const unsigned char* in, std::size_t 
     // The blob of a single block is addressed with int sizes.
     if (used > static_cast<std::size_t>(INT32_MAX)) return -1;
     return static_cast<int>(used);
+}
+
+// ---- Whole-state snapshots
+
+void wSimulationBlock::saveSnapshot(wSnapshotWriter&) const {}
+
+void wSimulationBlock::restoreSnapshot(wSnapshotReader&) {}
+
+void wSimulationBlockDisc::saveSnapshot(wSnapshotWriter& out) const {
+    if (!blockHasStateData()) return;
+    const int size = getBlockStateDataSize();
+    const std::size_t mark = out.beginSection();
+    if (size > 0) {
+        zo::vector<unsigned char> blob(static_cast<std::size_t>(size));
+        getBlockStateData(blob.data());
+        out.putBytes(blob.data(), blob.size());
+    }
+    out.endSection(mark);
+}
+
+void wSimulationBlockDisc::restoreSnapshot(wSnapshotReader& in) {
+    if (!blockHasStateData()) return;
+    wSnapshotReader blob = in.section("registered state");
+    const std::size_t size = blob.remaining();
+    const unsigned char* bytes = blob.getBytes(size, "registered state");
+    // Measured first: the blob's counts must fit its bytes, and it must be all of them.
+    if (measureStateData(bytes, size) != static_cast<int>(size))
+        blob.fail("the registered state of block " + getDescriptor()->getName() + " does not fit its " +
+                  std::to_string(size) + " bytes");
+    setBlockStateDataByPtr(bytes);
 }

@@ -19,6 +19,8 @@
 
 class wInputPortBase;
 class wOutputPortBase;
+class wSnapshotWriter;
+class wSnapshotReader;
 
 class wSimulationBlock {
 public:
@@ -31,6 +33,13 @@ public:
 
     bool isOfType(weBlockType type) const { return descriptor_->isOfType(type); }
     const wSimulationBlockDescriptor* getDescriptor() const { return descriptor_; }
+
+    // Whole-state snapshots: what the block holds besides its wires and the last values
+    // of its input ports, which the system saves itself. Restoring reads exactly what
+    // saving wrote, checks it and throws wSimulationException (through the reader) for
+    // bytes it cannot take. Blocks whose state lives only in wires save nothing.
+    virtual void saveSnapshot(wSnapshotWriter& out) const;
+    virtual void restoreSnapshot(wSnapshotReader& in);
 
 protected:
     wSimulationBlock(const wSimulationBlock&) = default;
@@ -118,6 +127,9 @@ public:
     virtual int measureStateData(const unsigned char* in, std::size_t available) const;
     // Registers the state variables, once, right after construction.
     virtual void registerStateData() {}
+    // The registered state blob (nothing when none is registered).
+    void saveSnapshot(wSnapshotWriter& out) const override;
+    void restoreSnapshot(wSnapshotReader& in) override;
 
     bool blockHasStateData() const { return !stateDataPtrs_.empty(); }
     wSimulationSystem* getSystem() const { return system_; }

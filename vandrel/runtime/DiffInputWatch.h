@@ -6,6 +6,8 @@
 // derivatives, after which solvers with history restart.
 //
 // Built once when the system is; changed() only compares bytes and allocates nothing.
+#include <algorithm>
+
 #include "vandrel/platform/String.h"
 
 class wSimulationSystemScheme;
@@ -19,6 +21,14 @@ public:
     bool changed(const unsigned char* data);
     // The number of watched bytes.
     int size() const { return static_cast<int>(copy_.size()); }
+    // The copy taken by the last call and whether there was one, for snapshots; restore
+    // takes size() bytes.
+    const unsigned char* copy() const { return copy_.data(); }
+    bool primed() const { return primed_; }
+    void restore(const unsigned char* copy, bool primed) {
+        std::copy(copy, copy + copy_.size(), copy_.begin());
+        primed_ = primed;
+    }
 
 private:
     struct Range {

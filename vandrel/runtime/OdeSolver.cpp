@@ -4,6 +4,7 @@
 
 #include "vandrel/platform/LuaLoader.h"
 #include "vandrel/runtime/SimulationException.h"
+#include "vandrel/runtime/Snapshot.h"
 
 // ---- Descriptor base: parameters are plain values under their names
 
@@ -59,3 +60,7 @@ void wOdeSolversFactory::save(Lua::Loader* loader, wOdeSolverDescriptor& descrip
     loader->setString("__type", descriptor.getTypeName());
     descriptor.save(loader);
 }
+
+void wOdeSolver::saveSnapshot(wSnapshotWriter& out) const { out.put(static_cast<std::int64_t>(steps_)); }
+
+void wOdeSolver::restoreSnapshot(wSnapshotReader& in) { steps_ = in.get<std::int64_t>("solver step count"); }

@@ -15,6 +15,8 @@ class Loader;
 }
 class wSimulationSystem;
 class wOdeSolver;
+class wSnapshotWriter;
+class wSnapshotReader;
 
 class wOdeSolverDescriptor {
 public:
@@ -51,6 +53,11 @@ public:
     // Integrates the continuous state from scheme time T over the interval h (s), or over
     // one step of the solver's own size when h is 0; returns the interval covered.
     virtual double advance(double T, double h) = 0;
+    // One step of the solver's own size from T, shortened when it would end after
+    // T + hmax (hmax > 0) so that it lands there; returns the interval covered, exactly
+    // hmax when the step was shortened. The default covers hmax as advance does, which is
+    // right for any kind, if in more steps than needed.
+    virtual double advanceWithin(double T, double hmax) { return advance(T, hmax); }
     // The state jumped or the inputs of the derivatives changed since the last advance
     // (a reset, a discrete event, a host write): solvers that carry history from step to
     // step (step size, past values) start afresh at the next advance.
@@ -58,6 +65,11 @@ public:
 
     // Steps taken since the solver was made (accepted steps, for adaptive kinds).
     long long getStepCount() const { return steps_; }
+
+    // Whole-state snapshots: what the solver carries from one advance to the next (step
+    // size, derivatives, history) and its counters. The base saves the step count.
+    virtual void saveSnapshot(wSnapshotWriter& out) const;
+    virtual void restoreSnapshot(wSnapshotReader& in);
 
 protected:
     const wOdeSolverDescriptor* descriptor_;  // not owned

@@ -472,7 +472,30 @@ void wSimulationSystem::applyInitialValues() {
     if (solver_) solver_->restart();
 }
 
-double wSimulationSystem::simulate(double T) {
+void wSimulationSystem::updateOutputs() {
+    // The host may have written inputs, and the state may have been loaded, since the
+    // blocks last ran.
+    setDirty_(scheme_->getStatelessBlocksOnSchemeInput());
+    updateDirty_(scheme_->getStatelessBlocksOnSchemeOutput(), now_);
+}
+
+double wSimulationSystem::simulate(double T) { return simulate_(T, std::numeric_limits<double>::infinity()); }
+
+double wSimulationSystem::simulate(double T, double Tmax) {
+    if (!(Tmax >= T))
+        throw wSimulationException("simulate: the latest time to return at (" + doubleToString(Tmax) +
+                                   " s) must not be before the time simulated to (" + doubleToString(T) + " s)");
+    // Nested systems stepped during the call read it (see getHorizon); whatever happens,
+    // it holds only for this call.
+    struct Scope {
+        double& horizon;
+        ~Scope() { horizon = std::numeric_limits<double>::infinity(); }
+    } scope{horizon_};
+    horizon_ = Tmax;
+    return simulate_(T, Tmax);
+}
+
+double wSimulationSystem::simulate_(double T, double Tmax) {
     // A time that is not finite would never let an event become due (NaN) or would run
     // every event there will ever be (infinity).
     if (!std::isfinite(T))
@@ -519,10 +542,22 @@ double wSimulationSystem::simulate(double T) {
     // Nothing scheduled and nothing continuous: no call is needed until inputs change.
     const bool idle = queue_.empty() && !solver_;
     double N = queue_.empty() ? T : queue_.front().time;
-    if (solver_) {
-        if (queue_.empty()) N = advanceDifferential_(T, 0.0) + T;
-        else advanceDifferential_(T, N - T);
+    if (solver_ && Tmax > T) {
+        const double hmax = Tmax - T;  // infinite without a horizon
+        if (queue_.empty()) {
+            const double r = advanceContinuous_(T, 0.0, hmax);
+            // Landed on the horizon: the host's own time, not one rounded on the way.
+            N = r >= hmax ? Tmax : T + r;
+        } else if (N > Tmax) {
+            advanceContinuous_(T, hmax, hmax);
+            N = Tmax;
+        } else {
+            advanceContinuous_(T, N - T, hmax);
+        }
         if (!wakeOnContinuous_.empty()) wake_(wakeOnContinuous_, N, kWakeOnContinuous);
+    } else if (solver_ || N > Tmax) {
+        // Control back at the horizon, which is now: nothing to integrate.
+        N = std::min(N, Tmax);
     }
     now_ = solver_ ? N : T;
     updateDirty_(s.getStatelessBlocksOnSchemeOutput(), N);
@@ -565,6 +600,10 @@ void wSimulationSystem::markOutputsOf(const wSimulationBlockDisc* block) {
 }
 
 double wSimulationSystem::advanceDifferential_(double T, double h) {
+    return advanceContinuous_(T, h, std::numeric_limits<double>::infinity());
+}
+
+double wSimulationSystem::advanceContinuous_(double T, double h, double hmax) {
     const wSimulationSystemScheme& s = *scheme_;
     // Everything downstream of the state is brought up to date exactly once before the
     // first derivative, whoever last touched the state (solver, reset or host).
@@ -575,7 +614,8 @@ double wSimulationSystem::advanceDifferential_(double T, double h) {
     if (diffInputs_.changed(data_)) solver_->restart();
     rhsFresh_ = true;
     rhsFreshTime_ = T;
-    const double r = solver_->advance(T, h);
+    const double r = h == 0.0 && hmax < std::numeric_limits<double>::infinity() ? solver_->advanceWithin(T, hmax)
+                                                                                : solver_->advance(T, h);
     rhsFresh_ = false;
     setDirty_(s.getStatelessBlocksInDiff());
     return r;

@@ -6,6 +6,8 @@
 // Sized and allocated once when built; simulate() allocates nothing. The host writes
 // scheme inputs, calls simulate(T) with non-decreasing T, reads outputs, and calls again
 // no later than T + the returned delay (-1.0: nothing pending until inputs change).
+#include <cstdint>
+#include <limits>
 #include <memory>
 #include <string_view>
 
@@ -20,6 +22,8 @@ namespace Lua {
 class Loader;
 }
 class wSimulationSystemScheme;
+class wSnapshotWriter;
+class wSnapshotReader;
 
 class wSimulationSystem {
 public:
@@ -38,12 +42,23 @@ public:
     // Advances to scheme time T; returns the delay until the next call is needed, or -1.0.
     // Throws for a T that is not finite.
     double simulate(double T);
+    // The same, for a host that wants control back no later than Tmax (>= T, possibly
+    // infinite): the continuous part is integrated up to the next event or one solver step
+    // as above, but never past Tmax, a step being shortened to land on it. The result is
+    // the delay until the next call, at most Tmax - T; when the integration reached Tmax,
+    // getCurrentTime() is Tmax exactly. A host reading outputs at its own output times
+    // passes each of them as Tmax and never integrates twice.
+    double simulate(double T, double Tmax);
     // Starts the continuous state at its initial values: brings every stateless block up to
     // date from what the data area holds now (scheme inputs, constants), then loads each
     // continuous state from its initial-value input, as a write to "reset_diff_state"
     // would, nested systems included. Call it after writing the inputs, before the first
     // simulate; reset() does not do it.
     void applyInitialValues();
+    // Brings the blocks that drive the scheme outputs up to date with what the data area
+    // holds now (inputs, continuous state), at the current time, running no event and
+    // integrating nothing: for a host that reads outputs before its first simulate call.
+    void updateOutputs();
     // Empties the schedule, marks every stateless block dirty, zeroes continuous state,
     // resets every discrete block and makes each due at time 0.
     virtual void reset();
@@ -104,6 +119,27 @@ public:
     // Kept for interface compatibility; does nothing.
     void getInputData(zo::vector<unsigned char>* out) const;
 
+    // ---- Whole-state snapshots: everything the running system holds, so that a system
+    // built from the same scheme, restored from it, goes on exactly as this one would:
+    // the data area (continuous state and every wire), the last values of the blocks'
+    // input ports, each block's own state (registered or not; nested systems and Lua
+    // blocks included), the schedule, the dirty flags, the solver's state and the time.
+    // The bytes start with a magic, a format version and a fingerprint of the scheme's
+    // structure. Saving throws when a block holds state it cannot save (see the Lua
+    // block). Restoring throws wSimulationException for a snapshot of another scheme or
+    // version, truncated or corrupt, and then leaves the system as it was; it also
+    // refuses when the system's own state cannot be saved, since it could not be put back.
+    static constexpr std::uint32_t kSnapshotVersion = 1;
+    void saveSnapshot(zo::vector<unsigned char>* out) const;
+    void restoreSnapshot(const unsigned char* data, std::size_t size);
+    void restoreSnapshot(const zo::vector<unsigned char>& in) { restoreSnapshot(in.data(), in.size()); }
+    // The snapshot without its header, for a block that holds a nested system.
+    void saveSnapshotBody(wSnapshotWriter& out) const;
+    void restoreSnapshotBody(wSnapshotReader& in);
+    // A hash of what a snapshot depends on: blocks (kind, type, name, leads, offsets),
+    // memory layout and solver kind, nested schemes included.
+    std::uint64_t getSchemeFingerprint() const;
+
     // For discrete blocks that read or write wires when a port value arrives, outside
     // their step (the wire serialization blocks): before reading its input wires a block
     // has the stateless blocks that feed it brought up to date, and after writing its
@@ -115,6 +151,9 @@ public:
     // otherwise the time of the last simulate (the end of its integration when the scheme
     // is continuous). 0 before the first call.
     double getCurrentTime() const { return now_; }
+    // The latest time the simulate call running now may integrate to: its Tmax, infinite
+    // without one (and outside a call). Nested systems keep to their parent's.
+    double getHorizon() const { return horizon_; }
 
     const wSimulationSystemScheme* getScheme() const { return scheme_; }
     int getBlockCount() const;
@@ -141,6 +180,9 @@ protected:
     const wSimulationBlockDescriptor* schemeGetIOBlock() const;
 
 private:
+    double simulate_(double T, double Tmax);
+    // advanceDifferential_, with one step of the solver's own size (h = 0) kept within hmax.
+    double advanceContinuous_(double T, double h, double hmax);
     // The offset of a scheme input (output = false) or output wire, checked against type.
     int typedWireOffset_(bool output, std::string_view name, eLeadType type) const;
     struct QueueEntry {
@@ -180,6 +222,7 @@ private:
     bool ownsData_ = false;                                 // free data_ on destruction
     bool rhsFresh_ = false;  // the next calcDiffRhs is the first of an advance (see there)
     double now_ = 0.0;       // see getCurrentTime
+    double horizon_ = std::numeric_limits<double>::infinity();  // see getHorizon
     double rhsFreshTime_ = 0;             // the time that advance started at
     long long rhsEvaluations_ = 0;        // calcDiffRhs calls
     wDiffInputWatch diffInputs_;          // what the derivatives read from outside the state

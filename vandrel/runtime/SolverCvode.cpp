@@ -16,6 +16,7 @@
 
 #include "vandrel/runtime/SimulationException.h"
 #include "vandrel/runtime/SimulationSystem.h"
+#include "vandrel/runtime/Snapshot.h"
 
 // ---- Descriptor
 
@@ -161,7 +162,14 @@ void wSolverCvode::restart() { impl_->fresh = true; }
 long long wSolverCvode::getRestartCount() const { return impl_->restarts; }
 long long wSolverCvode::getJacobianCount() const { return impl_->jacobians; }
 
-double wSolverCvode::advance(double T, double h) {
+double wSolverCvode::advance(double T, double h) { return advance_(T, h, std::numeric_limits<double>::infinity()); }
+
+double wSolverCvode::advanceWithin(double T, double hmax) {
+    if (!(hmax > 0)) return advance(T, hmax);
+    return advance_(T, 0.0, hmax);
+}
+
+double wSolverCvode::advance_(double T, double h, double hmax) {
     Impl& m = *impl_;
     const double H = static_cast<const wSolverCvodeDescriptor*>(descriptor_)->getH();
     if (!(h >= 0)) return h;
@@ -170,7 +178,7 @@ double wSolverCvode::advance(double T, double h) {
     // An interval below the resolution of time is covered as it is.
     const double eps = std::numeric_limits<double>::epsilon();
     if (h > 0 && h <= 8 * eps * std::max(1.0, std::fabs(T))) return h;
-    if (m.empty) return h > 0 ? h : H;
+    if (m.empty) return h > 0 ? h : std::min(H, hmax);
 
     double* y = system_->getDiffState();
     const auto bytes = static_cast<std::size_t>(m.n) * sizeof(double);
@@ -189,7 +197,9 @@ double wSolverCvode::advance(double T, double h) {
     }
 
     const bool toEnd = h > 0;
-    const double tStop = T + (toEnd ? h : H);
+    // One step stops at the horizon when that comes before a step of H.
+    const bool toHorizon = !toEnd && hmax <= H;
+    const double tStop = T + (toEnd ? h : (toHorizon ? hmax : H));
     long before = 0;
     CVodeGetNumSteps(m.cvode, &before);
     m.message[0] = '\0';
@@ -223,5 +233,24 @@ double wSolverCvode::advance(double T, double h) {
     }
     std::memcpy(y, m.state(), bytes);
     m.tn = toEnd ? tStop : reached;
+    if (toHorizon && reached >= tStop) return hmax;
     return toEnd ? h : reached - T;
+}
+
+void wSolverCvode::saveSnapshot(wSnapshotWriter& out) const {
+    wOdeSolver::saveSnapshot(out);
+    out.put(impl_->tn);
+    out.put(static_cast<std::int64_t>(impl_->restarts));
+    out.put(static_cast<std::int64_t>(impl_->jacobians));
+}
+
+void wSolverCvode::restoreSnapshot(wSnapshotReader& in) {
+    wOdeSolver::restoreSnapshot(in);
+    const double tn = in.getFinite("CVODE time");
+    const auto restarts = in.get<std::int64_t>("CVODE restarts");
+    const auto jacobians = in.get<std::int64_t>("CVODE Jacobian evaluations");
+    impl_->tn = tn;
+    impl_->restarts = restarts;
+    impl_->jacobians = jacobians;
+    impl_->fresh = true;
 }

@@ -30,13 +30,24 @@ public:
     // A failure of CVODE (or an exception from a block) is thrown as wSimulationException
     // (or passed on), and the next call starts afresh.
     double advance(double T, double h) override;
+    // One internal step, stopped at T + hmax when it would go past.
+    double advanceWithin(double T, double hmax) override;
     void restart() override;
+    // CVODE keeps its history (order, step size, past values) inside, out of reach, so a
+    // snapshot holds the time reached and the counters, and a restored solver starts
+    // afresh there: its run is bit for bit the one of the saved solver restarted at that
+    // time (restart()), and within the tolerances of the saved one left to go on.
+    void saveSnapshot(wSnapshotWriter& out) const override;
+    void restoreSnapshot(wSnapshotReader& in) override;
 
     // Times CVODE was started afresh, and its Jacobian evaluations, since the solver was made.
     long long getRestartCount() const;
     long long getJacobianCount() const;
 
 private:
+    // advance, with one step (h = 0) ending no later than T + hmax.
+    double advance_(double T, double h, double hmax);
+
     struct Impl;  // CVODE's objects and the callbacks' state
     std::unique_ptr<Impl> impl_;
 };

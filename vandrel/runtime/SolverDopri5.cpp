@@ -8,6 +8,7 @@
 
 #include "vandrel/runtime/SimulationException.h"
 #include "vandrel/runtime/SimulationSystem.h"
+#include "vandrel/runtime/Snapshot.h"
 
 namespace odeint = boost::numeric::odeint;
 
@@ -102,8 +103,19 @@ double wSolverDopri5::estimateFirstStep_(double T) {
 }
 
 double wSolverDopri5::advance(double T, double h) {
-    const double H = desc_()->getH();
     if (!(h >= 0)) return h;
+    const double t = advance_(T, h, h > 0 ? T + h : std::numeric_limits<double>::infinity());
+    return h > 0 ? h : t - T;
+}
+
+double wSolverDopri5::advanceWithin(double T, double hmax) {
+    if (!(hmax > 0)) return advance(T, hmax);
+    const double t = advance_(T, 0.0, T + hmax);
+    return t >= T + hmax ? hmax : t - T;
+}
+
+double wSolverDopri5::advance_(double T, double h, double tEnd) {
+    const double H = desc_()->getH();
     if (!(H > 0 && std::isfinite(H)))
         throw wSimulationException("Dormand-Prince largest step H must be positive (H = " + doubleToString(H) + ")");
 
@@ -124,7 +136,7 @@ double wSolverDopri5::advance(double T, double h) {
         if (!reuse) system_->calcDiffRhs(T, x_.data(), dxdt_.data());
         if (!(dt_ > 0)) dt_ = estimateFirstStep_(T);
         dt_ = std::min(dt_, H);
-        t = step_(T, toEnd, T + h);
+        t = step_(T, !toEnd, tEnd);
     } catch (...) {
         // The stages wrote trial states into the system: leave it at the last step's.
         std::memcpy(y, x_.data(), bytes);
@@ -134,16 +146,16 @@ double wSolverDopri5::advance(double T, double h) {
     std::memcpy(y, x_.data(), bytes);
     fsal_ = true;
     tEnd_ = t;
-    return toEnd ? h : t - T;
+    return t;
 }
 
-double wSolverDopri5::step_(double T, bool toEnd, double tEnd) {
+double wSolverDopri5::step_(double T, bool oneStep, double tEnd) {
     double t = T;
     int refused = 0;  // in a row
     for (;;) {
         double dt = dt_;
         // The last step of an interval lands on its end exactly.
-        const bool last = toEnd && dt * (1 + 1e-8) >= tEnd - t;
+        const bool last = dt * (1 + 1e-8) >= tEnd - t;
         if (last) dt = tEnd - t;
         double tt = t;
         const double tried = dt;
@@ -168,7 +180,7 @@ double wSolverDopri5::step_(double T, bool toEnd, double tEnd) {
                 break;
             }
             t = tt;
-            if (!toEnd) break;
+            if (oneStep) break;
             continue;
         }
         ++rejected_;
@@ -179,4 +191,36 @@ double wSolverDopri5::step_(double T, bool toEnd, double tEnd) {
                                        ": the derivatives may not be finite there, or the tolerances are too tight");
     }
     return t;
+}
+
+void wSolverDopri5::saveSnapshot(wSnapshotWriter& out) const {
+    wOdeSolver::saveSnapshot(out);
+    out.put(static_cast<std::uint32_t>(x_.size()));
+    out.putBytes(x_.data(), x_.size() * sizeof(double));
+    out.putBytes(dxdt_.data(), dxdt_.size() * sizeof(double));
+    out.put(dt_);
+    out.putFlag(fsal_);
+    out.put(tEnd_);
+    out.put(static_cast<std::int64_t>(rejected_));
+}
+
+void wSolverDopri5::restoreSnapshot(wSnapshotReader& in) {
+    wOdeSolver::restoreSnapshot(in);
+    const std::size_t n = in.getCount(2 * sizeof(double), "Dormand-Prince state size");
+    if (n != x_.size())
+        in.fail("the Dormand-Prince state holds " + std::to_string(n) + " values, this scheme has " +
+                std::to_string(x_.size()));
+    const unsigned char* x = in.getBytes(n * sizeof(double), "Dormand-Prince state");
+    const unsigned char* dxdt = in.getBytes(n * sizeof(double), "Dormand-Prince derivative");
+    const double dt = in.getFinite("Dormand-Prince step size");
+    if (dt < 0) in.fail("the Dormand-Prince step size is negative (" + doubleToString(dt) + ")");
+    const bool fsal = in.getFlag("Dormand-Prince derivative flag");
+    const double tEnd = in.getFinite("Dormand-Prince end time");
+    const auto rejected = in.get<std::int64_t>("Dormand-Prince rejected steps");
+    std::memcpy(x_.data(), x, n * sizeof(double));
+    std::memcpy(dxdt_.data(), dxdt, n * sizeof(double));
+    dt_ = dt;
+    fsal_ = fsal;
+    tEnd_ = tEnd;
+    rejected_ = rejected;
 }

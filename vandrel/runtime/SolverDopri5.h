@@ -38,7 +38,14 @@ public:
     // Integrates exactly h, or one accepted step when h is 0; returns the interval covered.
     // Throws wSimulationException when the step size underflows.
     double advance(double T, double h) override;
+    // One accepted step, cut to land on T + hmax when it would go past.
+    double advanceWithin(double T, double hmax) override;
     void restart() override;
+    // The step size to try next, the state and derivative of the last step's end (reused
+    // as the next step's first stage) and the counters: a restored solver goes on exactly
+    // as the saved one would have.
+    void saveSnapshot(wSnapshotWriter& out) const override;
+    void restoreSnapshot(wSnapshotReader& in) override;
 
     // Steps refused by the error control since the solver was made.
     long long getRejectedStepCount() const { return rejected_; }
@@ -54,8 +61,11 @@ private:
     // A first step from the size of the state and of its derivatives (Hairer, Norsett and
     // Wanner); uses the trial buffers.
     double estimateFirstStep_(double T);
-    // Accepted steps from T: one, or up to tEnd when toEnd; returns the time reached.
-    double step_(double T, bool toEnd, double tEnd);
+    // From T to tEnd (infinite: no end), h = 0 asking for one step (see advanceWithin).
+    double advance_(double T, double h, double tEnd);
+    // Accepted steps from T: one when oneStep, else up to tEnd; a step that would pass
+    // tEnd is cut to land on it. Returns the time reached.
+    double step_(double T, bool oneStep, double tEnd);
 
     State x_, dxdt_;        // state and its derivative at the current time
     State xNew_, dxdtNew_;  // the same after a trial step

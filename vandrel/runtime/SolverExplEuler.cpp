@@ -74,3 +74,8 @@ double wSolverExplEuler::advance(double T, double h) {
     }
     return L;
 }
+
+double wSolverExplEuler::advanceWithin(double T, double hmax) {
+    const double H = static_cast<const wSolverExplEulerDescriptor*>(descriptor_)->getH();
+    return hmax < H ? advance(T, hmax) : advance(T, 0.0);
+}

@@ -28,6 +28,8 @@ public:
     // Throws wSimulationException when there is an interval to cover and the step H is
     // not a positive finite number, or when h itself is negative or not finite.
     double advance(double T, double h) override;
+    // One step of H, or one of hmax when that is shorter.
+    double advanceWithin(double T, double hmax) override;
 
 private:
     zo::vector<double> rhs_;  // derivatives, one per continuous state; sized once

@@ -75,3 +75,8 @@ double wSolverRK4::advance(double T, double h) {
     std::copy(x_.begin(), x_.end(), y);
     return L;
 }
+
+double wSolverRK4::advanceWithin(double T, double hmax) {
+    const double H = static_cast<const wSolverRK4Descriptor*>(descriptor_)->getH();
+    return hmax < H ? advance(T, hmax) : advance(T, 0.0);
+}

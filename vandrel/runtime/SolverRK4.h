@@ -31,6 +31,8 @@ public:
     wSolverRK4(const wSolverRK4Descriptor* descriptor, wSimulationSystem* system);
     // Throws wSimulationException when h > 0 and the step H is not positive.
     double advance(double T, double h) override;
+    // One step of H, or one of hmax when that is shorter.
+    double advanceWithin(double T, double hmax) override;
 
 private:
     using State = std::vector<double>;

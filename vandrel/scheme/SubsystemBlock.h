@@ -125,8 +125,12 @@ public:
     wOutputPortBase* getOutputPort(std::string_view name) override;
 
     // Runs the nested system to t; its answer is the block's: the delay until the next
-    // call, or -1.0 when the nested scheme is idle.
-    double step(double t) override { return nested_.simulate(t); }
+    // call, or -1.0 when the nested scheme is idle. A nested continuous part integrates no
+    // further than the parent's host asked the parent to (see simulate(T, Tmax)).
+    double step(double t) override {
+        const double horizon = system_->getHorizon();
+        return horizon > t ? nested_.simulate(t, horizon) : nested_.simulate(t);
+    }
     void reset() override { nested_.reset(); }
     // The nested system's state blob.
     int getBlockStateDataSize() const override { return nested_.getSchemeStateDataSize(); }
@@ -136,6 +140,9 @@ public:
         return nested_.measureSchemeStateData(in, available);
     }
     void registerStateData() override;
+    // The nested system's whole state.
+    void saveSnapshot(wSnapshotWriter& out) const override { nested_.saveSnapshotBody(out); }
+    void restoreSnapshot(wSnapshotReader& in) override { nested_.restoreSnapshotBody(in); }
 
     wSimulationSystem& getNestedSystem() { return nested_; }
 
