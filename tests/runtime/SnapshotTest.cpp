@@ -65,7 +65,7 @@ struct Example {
     }
     // A new system, its double inputs at `u`, started at its initial values.
     std::unique_ptr<wSimulationSystem> start(double u) {
-        auto s = scheme.instantiate();
+        std::unique_ptr<wSimulationSystem> s(scheme.instantiate());
         const auto& io = scheme.getIOBlock();
         const wLeadList& inputs = io.getOutputWires();
         for (std::size_t i = 0; i < inputs.size(); ++i)
@@ -279,7 +279,7 @@ TEST(BlockSnapshot, TimersGoOnFromWhereTheyWere) {
         for (int k = 0; k < 4; ++k) t += run.system->simulate(t);  // past the first firing time
         const Bytes saved = snapshotOf(*run.system);
         const auto expected = record(*run.system, t, 16);
-        auto fresh = run.scheme->instantiate();
+        std::unique_ptr<wSimulationSystem> fresh(run.scheme->instantiate());
         fresh->restoreSnapshot(saved);
         EXPECT_EQ(record(*fresh, t, 16), expected);
         std::size_t fired = 0;
@@ -343,7 +343,7 @@ function run(t)
   outputs.y(total + #tag + history.last[1] / 1000)
   return 0.1
 end)");
-    auto a = run.scheme.instantiate();
+    std::unique_ptr<wSimulationSystem> a(run.scheme.instantiate());
     double t = 0;
     for (int k = 0; k < 5; ++k) t += a->simulate(t);
     const Bytes saved = snapshotOf(*a);
@@ -354,7 +354,7 @@ end)");
         expected.push_back(a->getOutput<double>("y"));
     }
 
-    auto b = run.scheme.instantiate();
+    std::unique_ptr<wSimulationSystem> b(run.scheme.instantiate());
     double tb = 0;
     for (int k = 0; k < 2; ++k) tb += b->simulate(tb);  // a different history, to be replaced
     b->restoreSnapshot(saved);
@@ -382,7 +382,7 @@ TEST(LuaSnapshot, StateThatCannotBeSavedIsRefusedByName) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         LuaRun run(std::string("function init() ") + c.init + " end\nfunction run(t) return 1 end\n");
-        auto s = run.scheme.instantiate();
+        std::unique_ptr<wSimulationSystem> s(run.scheme.instantiate());
         s->simulate(0);
         const std::string m = testutil::messageOf([&] { Bytes b; s->saveSnapshot(&b); });
         EXPECT_THAT(m, HasSubstr("Lua block b: its script's state cannot be saved: "));
@@ -392,7 +392,7 @@ TEST(LuaSnapshot, StateThatCannotBeSavedIsRefusedByName) {
 
 TEST(LuaSnapshot, ARestoreRefusedForItsLuaStateChangesNothing) {
     LuaRun run("function init() n = 1 end\nfunction run(t) n = n + 1; outputs.y(n); return 1 end\n");
-    auto s = run.scheme.instantiate();
+    std::unique_ptr<wSimulationSystem> s(run.scheme.instantiate());
     double t = 0;
     for (int k = 0; k < 3; ++k) t += s->simulate(t);
     const Bytes saved = snapshotOf(*s);

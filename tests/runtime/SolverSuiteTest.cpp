@@ -249,7 +249,7 @@ TEST(SimulateWithHorizon, NestedContinuousPartsKeepToIt) {
     // 0.05 (x = 2.9), not its own 0.1 (2.8).
     wSimulationSystemScheme scheme;
     scheme.loadForRuntime(std::string(VANDREL_TEST_DATA_DIR) + "/subsystem/lag_outer.lua");
-    auto sys = scheme.instantiate();
+    std::unique_ptr<wSimulationSystem> sys(scheme.instantiate());
     sys->setInput<double>("u", 1.0);
     testutil::sendToInput<bool>(*sys, "reset", true);
     double t = 0;
